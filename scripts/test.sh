@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# The whole test suite from a fresh machine: set-up, configure, build, run every test.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/setup.sh"
+"$root/scripts/build.sh" "$@"
+cd "${BUILD_DIR:-$root/build}"
+ctest --output-on-failure -j"$(nproc)"

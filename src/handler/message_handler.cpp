@@ -1,0 +1,3 @@
+#include "handler/message_handler.h"
+
+// Implementation lands in its own change.

@@ -1,0 +1,3 @@
+#include "message.h"
+
+// Implementation lands in its own change.

@@ -1,0 +1,3 @@
+#include "message_cache.h"
+
+// Implementation lands in its own change.

@@ -1,0 +1,3 @@
+#include "message_listener.h"
+
+// Implementation lands in its own change.

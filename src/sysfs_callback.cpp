@@ -1,0 +1,3 @@
+#include "sysfs_callback.h"
+
+// Implementation lands in its own change.

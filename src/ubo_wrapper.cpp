@@ -1,0 +1,3 @@
+#include "ubo_wrapper.h"
+
+// Implementation lands in its own change.

@@ -1,0 +1,3 @@
+#include "utils.h"
+
+// Implementation lands in its own change.

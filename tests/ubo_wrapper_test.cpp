@@ -1,0 +1,1 @@
+// Tests land with their unit.
