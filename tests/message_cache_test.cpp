@@ -1,1 +1,431 @@
-// Tests land with their unit.
+#include "message_cache.h"
+
+#include <linux/capability.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <android-base/file.h>
+#include <gtest/gtest.h>
+
+#include "log_capture.h"
+
+namespace vendor::vesk::tavi {
+namespace {
+
+using android::base::ERROR;
+using android::base::INFO;
+using android::base::LogSeverity;
+using android::base::ReadFileToString;
+using android::base::WriteStringToFile;
+using testing::LogCapture;
+namespace fs = std::filesystem;
+
+const std::string kTerminator("\0\0\n", 3);
+const std::string kLimitLine =
+        "The cache file size reaches the limit(1048576 bytes), ignoring the remaining messages";
+
+// A cache record built by hand: eight numbers each followed by a NUL byte, then the text.
+std::string Record(const std::vector<std::string>& numbers, const std::string& text) {
+    std::string record;
+    for (const auto& number : numbers) record += number + '\0';
+    return record + text;
+}
+
+// {LOG, 4, 3, 3001, 0, -5, 0, 0, ""}
+const std::string kChargerRecord = Record({"0", "4", "3", "3001", "0", "-5", "0", "0"}, "");
+
+Message MakeMessage(int32_t error_code, const std::string& text = "") {
+    Message message;
+    message.category = kCharger;
+    message.log_level = 3;
+    message.error_code = error_code;
+    message.message = text;
+    return message;
+}
+
+Message ChargerMessage() {
+    Message message = MakeMessage(3001);
+    message.param2 = -5;
+    return message;
+}
+
+std::string Entry(const Message& message) {
+    std::string record;
+    message.SerializeToString(&record);
+    return record + kTerminator;
+}
+
+// Compared through the text form so that a mismatch shows every field.
+std::vector<std::string> TextForms(const std::vector<Message>& messages) {
+    std::vector<std::string> texts;
+    for (const auto& message : messages) {
+        std::ostringstream text;
+        text << message;
+        texts.push_back(text.str());
+    }
+    return texts;
+}
+
+std::vector<Message> Drain(MessageCache& cache) {
+    std::vector<Message> out;
+    cache.Restore(out);
+    return out;
+}
+
+// The logger receives each line as a C string, so a record's bytes show up to its first NUL.
+std::string AsLogged(const std::string& text) {
+    return text.substr(0, text.find('\0'));
+}
+
+bool HasLine(const LogCapture& capture, LogSeverity severity, const std::string& text) {
+    for (const auto& line : capture.Lines()) {
+        if (line.severity == severity && line.text == text) return true;
+    }
+    return false;
+}
+
+mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+// Root reads any file through CAP_DAC_OVERRIDE / CAP_DAC_READ_SEARCH; dropping both from this
+// thread's effective set makes a mode-0000 file really unreadable while it lives.
+class DacOverrideDropped {
+  public:
+    DacOverrideDropped() {
+        syscall(SYS_capget, &header_, saved_);
+        __user_cap_data_struct reduced[2] = {saved_[0], saved_[1]};
+        reduced[0].effective &= ~(CAP_TO_MASK(CAP_DAC_OVERRIDE) | CAP_TO_MASK(CAP_DAC_READ_SEARCH));
+        syscall(SYS_capset, &header_, reduced);
+    }
+    ~DacOverrideDropped() { syscall(SYS_capset, &header_, saved_); }
+
+  private:
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct saved_[2]{};
+};
+
+class MessageCacheTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char dir[] = "/tmp/message_cache_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+        path_ = dir_ + "/cache.bin";
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(dir_, ignored);
+    }
+
+    std::string ReadCacheFile() const {
+        std::string content;
+        EXPECT_TRUE(ReadFileToString(path_, &content));
+        return content;
+    }
+    void WriteCacheFile(const std::string& content) const {
+        ASSERT_TRUE(WriteStringToFile(content, path_));
+    }
+    bool CacheFileExists() const { return fs::exists(fs::symlink_status(path_)); }
+
+    // Every entry of the test folder with its kind, mode and bytes.
+    std::string Snapshot() const {
+        std::ostringstream out;
+        for (const auto& entry : fs::directory_iterator(dir_)) {
+            auto status = entry.symlink_status();
+            out << entry.path().filename() << ' ' << static_cast<int>(status.type()) << ' '
+                << static_cast<int>(status.permissions()) << ' ';
+            std::string content;
+            if (fs::is_regular_file(status)) ReadFileToString(entry.path(), &content);
+            out << content.size() << ':' << content << '\n';
+        }
+        return out.str();
+    }
+
+    std::string dir_;
+    std::string path_;
+    LogCapture capture_;
+};
+
+TEST_F(MessageCacheTest, StoreRefusesWhenFullAndRestoreAppendsAndEmpties) {
+    MessageCache cache(2);
+    EXPECT_TRUE(cache.Store(MakeMessage(1)));
+    EXPECT_TRUE(cache.Store(MakeMessage(2)));
+    EXPECT_FALSE(cache.Store(MakeMessage(3)));
+    EXPECT_EQ(capture_.Texts(ERROR), std::vector<std::string>{"Cache size limit, ignoring"});
+
+    std::vector<Message> out{MakeMessage(9)};
+    cache.Restore(out);
+    EXPECT_EQ(TextForms(out), TextForms({MakeMessage(9), MakeMessage(1), MakeMessage(2)}));
+    cache.Restore(out);
+    EXPECT_EQ(out.size(), 3u);
+    EXPECT_TRUE(cache.Store(MakeMessage(4)));
+    EXPECT_EQ(capture_.Texts().size(), 1u);
+}
+
+TEST_F(MessageCacheTest, NothingToDoLeavesTheDiskAlone) {
+    MessageCache cache(128);
+    EXPECT_FALSE(cache.Load(path_));
+    EXPECT_TRUE(HasLine(capture_, INFO, "The cache file not found, stop loading the cache"));
+    EXPECT_EQ(capture_.Texts().size(), 1u);
+    capture_.Clear();
+
+    EXPECT_TRUE(cache.Save(path_));
+    EXPECT_FALSE(CacheFileExists());
+
+    WriteCacheFile("old bytes");
+    ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
+    EXPECT_TRUE(cache.Save(path_));
+    EXPECT_EQ(ReadCacheFile(), "old bytes");
+    EXPECT_EQ(ModeOf(path_), 0644u);
+    EXPECT_TRUE(capture_.Texts().empty());
+}
+
+TEST_F(MessageCacheTest, SaveMergesAfterFileBytesAndLoadAppendsAfterHeldMessages) {
+    const std::string existing = "never parsed by Save" + kTerminator + Entry(MakeMessage(1));
+    WriteCacheFile(existing);
+    ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
+    ASSERT_EQ(chown(path_.c_str(), 1234, 1234), 0);
+
+    MessageCache cache(128);
+    cache.Store(ChargerMessage());
+    cache.Store(MakeMessage(7, "hi\n"));
+    ASSERT_TRUE(cache.Save(path_));
+    EXPECT_EQ(ReadCacheFile(), existing + kChargerRecord + kTerminator +
+                                       Record({"0", "4", "3", "7", "0", "0", "0", "0"}, "hi\n") +
+                                       kTerminator);
+    struct stat status {};
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+    EXPECT_EQ(status.st_uid, getuid());
+    EXPECT_EQ(status.st_gid, getgid());
+
+    cache.Store(MakeMessage(4));
+    ASSERT_TRUE(cache.Load(path_));
+    EXPECT_FALSE(CacheFileExists());
+    EXPECT_EQ(TextForms(Drain(cache)), TextForms({MakeMessage(4), MakeMessage(1), ChargerMessage(),
+                                                  MakeMessage(7, "hi\n")}));
+    EXPECT_EQ(capture_.Texts(), (std::vector<std::string>{
+                                        "Saved the cache to " + path_,
+                                        "Failed to deserialize: never parsed by Save",
+                                        "Loaded the cache from " + path_,
+                                }));
+}
+
+TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
+    struct Case {
+        const char* name;
+        size_t existing_size;
+        std::vector<std::string> texts;  // a record is 16 bytes plus its text
+        size_t entries_written;
+        size_t file_size;
+    };
+    const Case cases[] = {
+            {"entry ends exactly at the ceiling", 1048557, {""}, 1, 1048576},
+            {"one byte more is refused", 1048558, {""}, 0, 1048558},
+            {"later smaller messages are not tried", 1048538, {"", "abcdefghij", ""}, 1, 1048557},
+            {"oversized file is rewritten as it is", 1048580, {""}, 0, 1048580},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string existing(c.existing_size, 'x');
+        WriteCacheFile(existing);
+        MessageCache cache(128);
+        std::vector<Message> messages;
+        for (const auto& text : c.texts) {
+            Message message;
+            message.message = text;
+            messages.push_back(message);
+            cache.Store(message);
+        }
+        capture_.Clear();
+
+        ASSERT_TRUE(cache.Save(path_));
+        std::string expected = existing;
+        for (size_t i = 0; i < c.entries_written; ++i) expected += Entry(messages[i]);
+        const std::string content = ReadCacheFile();
+        EXPECT_EQ(content.size(), c.file_size);
+        EXPECT_TRUE(content == expected);
+        std::vector<std::string> lines{"Saved the cache to " + path_};
+        if (c.entries_written < messages.size()) lines.insert(lines.begin(), kLimitLine);
+        EXPECT_EQ(capture_.Texts(INFO), lines);
+        EXPECT_EQ(capture_.Texts().size(), lines.size());
+        EXPECT_TRUE(Drain(cache).empty());
+    }
+}
+
+TEST_F(MessageCacheTest, RoundTripKeepsEveryField) {
+    const std::vector<Message> messages{
+            ChargerMessage(),
+            {DEBUG_LOG, 4, 3, 5, 0, 0, 0, 0, "line1\nline2\t\x01 end"},
+            {static_cast<MessageType>(7), 0, 3, INT32_MAX, INT32_MIN, 0, 0, INT32_MAX, ""},
+    };
+
+    MessageCache writer(128);
+    for (const auto& message : messages) writer.Store(message);
+    const mode_t saved_mask = umask(0);  // the mode must not depend on the creator's umask
+    ASSERT_TRUE(writer.Save(path_));
+    umask(saved_mask);
+    EXPECT_EQ(ModeOf(path_), 0600u);
+    EXPECT_TRUE(Drain(writer).empty());
+    // An empty text leaves the last separator right before the terminator.
+    const std::string content = ReadCacheFile();
+    EXPECT_EQ(content.substr(0, 23), kChargerRecord + kTerminator);
+    EXPECT_EQ(content.substr(19, 4), std::string("\0\0\0\n", 4));
+
+    MessageCache reader(128);
+    capture_.Clear();
+    ASSERT_TRUE(reader.Load(path_));
+    EXPECT_FALSE(CacheFileExists());
+    EXPECT_EQ(TextForms(Drain(reader)), TextForms(messages));
+    EXPECT_EQ(capture_.Texts(), std::vector<std::string>{"Loaded the cache from " + path_});
+}
+
+TEST_F(MessageCacheTest, LoadSkipsBadRecordsAndGoesOn) {
+    const std::string nine_fields = Record({"1", "2", "3", "4", "5", "6", "7", "8"}, "tail");
+    const std::string negative_category = Record({"0", "-1", "3", "1", "0", "0", "0", "0"}, "");
+    const std::string with_nul = Record({"0", "4", "3", "2", "0", "0", "0", "0"}, {"a\0b", 3});
+    const Message tail{DEBUG_LOG, 2, 3, 4, 5, 6, 7, 8, "tail"};
+
+    struct Case {
+        const char* name;
+        std::string content;
+        std::vector<Message> loaded;
+        std::vector<std::string> errors;
+    };
+    const Case cases[] = {
+            {"text holding the terminator cuts its entry",
+             Entry(MakeMessage(1, "ab" + kTerminator + "cd")),
+             {MakeMessage(1, "ab")},
+             {"Failed to deserialize: cd"}},
+            {"cut-off tail with nine fields is a record of its own",
+             Entry(MakeMessage(1, "ab" + kTerminator + nine_fields)),
+             {MakeMessage(1, "ab"), tail},
+             {}},
+            {"negative category fails, negative parameter loads",
+             negative_category + kTerminator + kChargerRecord + kTerminator,
+             {ChargerMessage()},
+             {AsLogged("Failed to deserialize: " + negative_category)}},
+            {"text holding a NUL byte fails",
+             with_nul + kTerminator,
+             {},
+             {AsLogged("Failed to deserialize: " + with_nul)}},
+            {"garbage between good entries",
+             Entry(MakeMessage(1)) + "garbage" + kTerminator + Entry(MakeMessage(2)),
+             {MakeMessage(1), MakeMessage(2)},
+             {"Failed to deserialize: garbage"}},
+            {"empty pieces are skipped, an unterminated last record is read",
+             kTerminator + kTerminator + kChargerRecord,
+             {ChargerMessage()},
+             {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        WriteCacheFile(c.content);
+        capture_.Clear();
+        MessageCache cache(128);
+        ASSERT_TRUE(cache.Load(path_));
+        EXPECT_FALSE(CacheFileExists());
+        EXPECT_EQ(TextForms(Drain(cache)), TextForms(c.loaded));
+        EXPECT_EQ(capture_.Texts(ERROR), c.errors);
+        EXPECT_EQ(capture_.Texts(INFO), std::vector<std::string>{"Loaded the cache from " + path_});
+    }
+}
+
+TEST_F(MessageCacheTest, LoadKeepsOnlyCapacityAndDeletesTheFile) {
+    std::string content;
+    std::vector<Message> first;
+    for (int i = 0; i < 200; ++i) {
+        content += Entry(MakeMessage(i));
+        if (i < 128) first.push_back(MakeMessage(i));
+    }
+    WriteCacheFile(content);
+
+    MessageCache cache(128);
+    ASSERT_TRUE(cache.Load(path_));
+    EXPECT_FALSE(CacheFileExists());
+    EXPECT_EQ(capture_.Count("Cache size limit, ignoring"), 72u);
+    EXPECT_EQ(capture_.Texts(ERROR).size(), 72u);
+    EXPECT_EQ(TextForms(Drain(cache)), TextForms(first));
+}
+
+// Paths that are not a plain readable file: both operations fail and leave the folder as found.
+TEST_F(MessageCacheTest, UnusablePathsAreLeftAlone) {
+    const std::string target = dir_ + "/target.bin";
+    const std::string load_not_found = "The cache file not found, stop loading the cache";
+    const std::string load_failed = "Failed to load the cache to " + path_;
+    const std::string read_failed =
+            "Failed to read the existing cache from " + path_ + ", stop saving the cache";
+    const std::string save_failed = "Failed to save the cache to " + path_;
+    struct Case {
+        const char* name;
+        std::function<void()> setup;
+        bool unreadable;
+        LogSeverity load_severity;
+        std::string load_line;
+        std::string save_line;
+    };
+    const Case cases[] = {
+            {"symbolic link to a regular file",
+             [&] {
+                 ASSERT_TRUE(WriteStringToFile(Entry(MakeMessage(1)), target));
+                 ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
+             },
+             false, ERROR, load_failed, read_failed},
+            {"dangling symbolic link",
+             [&] { ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0); }, false, INFO,
+             load_not_found, save_failed},
+            {"directory", [&] { ASSERT_EQ(mkdir(path_.c_str(), 0700), 0); }, false, INFO,
+             load_not_found, save_failed},
+            {"unreadable regular file",
+             [&] {
+                 WriteCacheFile(Entry(MakeMessage(1)));
+                 ASSERT_EQ(chmod(path_.c_str(), 0), 0);
+             },
+             true, ERROR, load_failed, read_failed},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (const auto& entry : fs::directory_iterator(dir_)) {
+            std::error_code ignored;
+            fs::remove_all(entry.path(), ignored);
+        }
+        c.setup();
+        const std::string before = Snapshot();
+        capture_.Clear();
+        MessageCache cache(128);
+        {
+            std::optional<DacOverrideDropped> dropped;
+            if (c.unreadable) {
+                dropped.emplace();
+                std::string content;
+                ASSERT_FALSE(ReadFileToString(path_, &content)) << "file is still readable";
+            }
+            EXPECT_FALSE(cache.Load(path_));
+            EXPECT_EQ(capture_.Texts(), std::vector<std::string>{c.load_line});
+            EXPECT_TRUE(HasLine(capture_, c.load_severity, c.load_line));
+
+            cache.Store(MakeMessage(5));
+            capture_.Clear();
+            EXPECT_FALSE(cache.Save(path_));
+            EXPECT_TRUE(HasLine(capture_, ERROR, c.save_line));
+        }
+        EXPECT_EQ(TextForms(Drain(cache)), TextForms({MakeMessage(5)}));
+        EXPECT_EQ(Snapshot(), before);
+    }
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi
