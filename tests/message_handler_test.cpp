@@ -1,1 +1,252 @@
-// Tests land with their unit.
+#include "handler/message_handler.h"
+
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fake_ubo.h"
+#include "log_capture.h"
+
+namespace vendor::vesk::tavi {
+namespace {
+
+namespace fake_ubo = testing::fake_ubo;
+using android::base::ERROR;
+using android::base::INFO;
+using fake_ubo::Call;
+using Lines = std::vector<std::string>;
+
+std::string Hex(const std::string& bytes) {
+    std::string hex;
+    for (unsigned char byte : bytes) {
+        char digits[4];
+        snprintf(digits, sizeof(digits), "%s%02X", hex.empty() ? "" : " ", byte);
+        hex += digits;
+    }
+    return hex;
+}
+
+std::string TextForm(const Message& message) {
+    std::ostringstream os;
+    os << message;
+    return os.str();
+}
+
+// libbase writes a text that ends in a line feed as that line followed by an empty one.
+Lines Logged(const std::string& prefix, const Message& message) {
+    std::string line = prefix + TextForm(message);
+    EXPECT_EQ(line.back(), '\n');
+    line.pop_back();
+    return {line, ""};
+}
+
+Lines Logged(const std::string& prefix, const std::vector<Message>& messages) {
+    Lines lines;
+    for (const auto& message : messages) {
+        Lines logged = Logged(prefix, message);
+        lines.insert(lines.end(), logged.begin(), logged.end());
+    }
+    return lines;
+}
+
+std::string TextsOf(const std::vector<Message>& messages) {
+    std::string texts;
+    for (const auto& message : messages) texts += TextForm(message);
+    return texts;
+}
+
+Message Record(int32_t category, int32_t log_level = 0, int32_t error_code = 0, int32_t param1 = 0,
+               int32_t param2 = 0, int32_t param3 = 0, int32_t param4 = 0) {
+    Message message;
+    message.category = category;
+    message.log_level = log_level;
+    message.error_code = error_code;
+    message.param1 = param1;
+    message.param2 = param2;
+    message.param3 = param3;
+    message.param4 = param4;
+    message.message = "text";
+    return message;
+}
+
+Message OfType(int32_t type, Message message) {
+    message.type = static_cast<MessageType>(type);
+    return message;
+}
+
+class MessageHandlerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        fake_ubo::Reset();
+        fake_ubo::SetActive(1);
+        ubo_wrapper_->session = fake_ubo::Session(1);
+        handlers_.push_back(std::make_unique<CameraMessageHandler>(ubo_wrapper_, cache_));
+        handlers_.push_back(std::make_unique<LinuxOsMessageHandler>(ubo_wrapper_, cache_));
+        handlers_.push_back(std::make_unique<DisplayMessageHandler>(ubo_wrapper_, cache_));
+        handlers_.push_back(std::make_unique<ChargerMessageHandler>(ubo_wrapper_, cache_));
+    }
+    void TearDown() override { ubo_wrapper_->session = nullptr; }
+
+    void Deliver(const Message& message) {
+        for (auto& handler : handlers_) handler->HandleMessage(message);
+    }
+    std::vector<Message> Cached() {
+        std::vector<Message> cached;
+        cache_->Restore(cached);
+        return cached;
+    }
+    void StartOver() {
+        fake_ubo::Reset();
+        fake_ubo::SetActive(1);
+        log_.Clear();
+    }
+
+    std::shared_ptr<UboWrapper> ubo_wrapper_ = std::make_shared<UboWrapper>("tavi");
+    std::shared_ptr<MessageCache> cache_ = std::make_shared<MessageCache>(128);
+    std::vector<std::unique_ptr<MessageHandler>> handlers_;
+    testing::LogCapture log_;
+};
+
+TEST_F(MessageHandlerTest, EachLogRecordBelongsToOneHandlerAtMost) {
+    const struct {
+        Message message;
+        int handler;  // index in the list, -1 for none
+    } cases[] = {
+            {Record(1, 0, 0), 0},
+            {Record(2, 0, 1000), 1},
+            {Record(3, 0, 2000), 2},
+            {Record(4, 0, 3001), 3},
+            {OfType(DEBUG_LOG, Record(4, 0, 3001)), -1},
+            {OfType(DEBUG_LOG, Record(1)), -1},
+            {OfType(7, Record(3)), -1},
+            {Record(0, 0, 2000), -1},
+            {Record(5, 0, 3001), -1},
+    };
+    for (const auto& c : cases) {
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(handlers_[i]->IsTargetMessage(c.message), i == c.handler)
+                    << "handler " << i << " " << TextForm(c.message);
+        }
+        if (c.handler >= 0) continue;
+        Deliver(c.message);
+        EXPECT_EQ(fake_ubo::Calls().size(), 0u) << TextForm(c.message);
+        EXPECT_EQ(log_.Texts(), Lines{});
+        EXPECT_EQ(Cached().size(), 0u);
+    }
+}
+
+TEST_F(MessageHandlerTest, ActiveServiceGetsEveryEventWithAllFields) {
+    const struct {
+        Message message;
+        const char* probe;
+        const char* hex;
+    } cases[] = {
+            {Record(2, 1, 1000, -1, 0, 300, 9), "TaviLinuxOsBadSector",
+             "08 01 10 E8 07 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02"},
+            {Record(2, 2, 1001, 5, 6, 7, 8), "TaviLinuxOsMmcRecoveryFailure",
+             "08 02 10 E9 07 18 05"},
+            {Record(3, 0, 2000, 0, 1, 1, 1), "TaviDisplayShort", "08 00 10 D0 0F 18 00"},
+            {Record(3, 7, 5, -4), "TaviDisplayShort", "08 07 10 05 18 01"},
+            {Record(3, 1, 0, 1), "TaviDisplayShort", "08 01 10 00 18 01"},
+            {Record(4, 1, 3000, 0, -2, 3, 4), "TaviChargerDetectInvalidBattery",
+             "08 01 10 B8 17 18 00 20 FE FF FF FF FF FF FF FF FF 01"},
+            {Record(4, 1, 3001, 1, 2, 3, 4), "TaviChargerDetectPdHardReset",
+             "08 01 10 B9 17 18 01"},
+            {Record(4, 2, 3002, -1, 0, 300, -3), "TaviChargerDetectSocFreeze",
+             "08 02 10 BA 17 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02 30 01"},
+            {Record(4, 0, 3003, 2, 0, 7, 9), "TaviChargerDetectWlcFwUpdate",
+             "08 00 10 BB 17 18 01 20 00 28 07"},
+            {Record(4, 1, 3004, 0, 5, 5, 5), "TaviChargerDetectWlcManyIsr", "08 01 10 BC 17 18 00"},
+    };
+    for (const auto& c : cases) {
+        StartOver();
+        Deliver(c.message);
+        const auto calls = fake_ubo::Calls();
+        ASSERT_EQ(calls.size(), 2u) << c.probe;
+        EXPECT_EQ(calls[0].call, Call::kIsActive);
+        EXPECT_EQ(calls[0].session, fake_ubo::Session(1));
+        EXPECT_EQ(calls[1].call, Call::kAddEvent);
+        EXPECT_EQ(calls[1].source, "tavi");
+        EXPECT_EQ(calls[1].probe, c.probe);
+        EXPECT_EQ(Hex(calls[1].payload), c.hex) << c.probe;
+        EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", c.message));
+        EXPECT_EQ(log_.Texts().size(), 2u);
+        EXPECT_EQ(Cached().size(), 0u);
+    }
+}
+
+TEST_F(MessageHandlerTest, RecordWithoutEventIsDroppedWhileActive) {
+    const Message cases[] = {
+            Record(1, 1, 1, 2, 3, 4, 5), Record(2, 1, 1002), Record(2, 1, 0),
+            Record(4, 1, 2999),          Record(4, 1, 3005),
+    };
+    for (const auto& message : cases) {
+        StartOver();
+        Deliver(message);
+        EXPECT_EQ(log_.Texts(ERROR), Logged("Failed to pack the massage: ", message));
+        EXPECT_EQ(log_.Texts().size(), 2u);
+        EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 0u);
+        EXPECT_EQ(Cached().size(), 0u);
+    }
+}
+
+TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
+    const std::vector<Message> records = {
+            Record(1, 0, 0),    Record(2, 1, 1002),    Record(3, 2, 2000, 1),
+            Record(4, 1, 3005), Record(4, 1, 3001, 1),
+    };
+    fake_ubo::QueueActive({0, -1, 0, -7, 0});
+    for (const auto& message : records) Deliver(message);
+    EXPECT_EQ(log_.Texts(INFO), Logged("Store the message in the cache: ", records));
+    EXPECT_EQ(log_.Texts().size(), 2 * records.size());
+    EXPECT_EQ(fake_ubo::Calls(Call::kIsActive).size(), 5u);
+    EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 0u);
+
+    // Replayed once the service is up: packable records go out, the others are dropped.
+    std::vector<Message> cached = Cached();
+    EXPECT_EQ(TextsOf(cached), TextsOf(records));
+    StartOver();
+    for (const auto& message : cached) Deliver(message);
+    EXPECT_EQ(log_.Texts(ERROR),
+              Logged("Failed to pack the massage: ", {records[0], records[1], records[3]}));
+    const auto sent = fake_ubo::Calls(Call::kAddEvent);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].probe, "TaviDisplayShort");
+    EXPECT_EQ(sent[1].probe, "TaviChargerDetectPdHardReset");
+    EXPECT_EQ(Cached().size(), 0u);
+}
+
+TEST_F(MessageHandlerTest, ActivityIsAskedAnewForEveryRecord) {
+    const Message display = Record(3, 0, 2000);
+    ubo_wrapper_->session = nullptr;  // not connected yet: inactive, whatever the script says
+    fake_ubo::QueueActive({1, 0, 1});
+    Deliver(display);
+    ubo_wrapper_->session = fake_ubo::Session(2);
+    for (int i = 0; i < 3; ++i) Deliver(display);
+
+    const auto asked = fake_ubo::Calls(Call::kIsActive);
+    ASSERT_EQ(asked.size(), 4u);
+    EXPECT_EQ(asked[0].session, nullptr);
+    EXPECT_EQ(asked[3].session, fake_ubo::Session(2));
+    EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 2u);
+    EXPECT_EQ(Cached().size(), 2u);
+}
+
+TEST_F(MessageHandlerTest, RefusedEventIsLoggedAndLost) {
+    const Message display = Record(3, 1, 2000, 1);
+    fake_ubo::SetAddEvent(-5);
+    Deliver(display);
+    Lines expected = Logged("Send the message to UBO: ", display);
+    expected.push_back("ubo_add_event() for TaviDisplayShort probe failed with return code -5");
+    EXPECT_EQ(log_.Texts(), expected);
+    EXPECT_EQ(log_.Texts(ERROR), Lines{expected.back()});
+    EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 1u);
+    EXPECT_EQ(Cached().size(), 0u);
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi
