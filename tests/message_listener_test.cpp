@@ -1,0 +1,272 @@
+#include "message_listener.h"
+
+#include <dirent.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <android-base/file.h>
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+
+#include "log_capture.h"
+#include "sysfs_callback.h"
+#include "sysfs_emulator.h"
+
+namespace vendor::vesk::tavi {
+namespace {
+
+using testing::LogCapture;
+using testing::SysfsEmulator;
+
+// Setup() blocks SIGINT and SIGTERM for good; every case that calls it runs in a child
+// process so the test runner keeps its own signal handling. The child's failures are
+// collected and printed to stderr, where the parent's report shows them.
+void RunInChild(const std::function<void()>& body) {
+    EXPECT_EXIT(
+            {
+                ::testing::TestPartResultArray failures;
+                {
+                    ::testing::ScopedFakeTestPartResultReporter reporter(
+                            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS,
+                            &failures);
+                    body();
+                }
+                for (int i = 0; i < failures.size(); ++i) {
+                    const auto& failure = failures.GetTestPartResult(i);
+                    fprintf(stderr, "%s:%d: %s\n", failure.file_name(), failure.line_number(),
+                            failure.message());
+                }
+                std::exit(failures.size() == 0 ? 0 : 1);
+            },
+            ::testing::ExitedWithCode(0), "");
+}
+
+size_t OpenDescriptorCount() {
+    size_t count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr) ++count;
+    closedir(dir);
+    return count;
+}
+
+int FindDescriptorOf(const std::string& path) {
+    for (int fd = 0; fd < 1024; ++fd) {
+        std::string target;
+        if (android::base::Readlink("/proc/self/fd/" + std::to_string(fd), &target) &&
+            target == path) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+struct PollRecord {
+    std::vector<Message> messages;
+    std::vector<uint32_t> signals;
+    int interrupts = 0;
+};
+
+// Polls until a stop signal; `on_interrupt` runs inside each interrupt callback.
+bool PollInto(
+        MessageListener& listener, PollRecord& record,
+        const std::function<void()>& on_interrupt = [] {}) {
+    return listener.Poll(
+            [&](const Message& message) { record.messages.push_back(message); },
+            [&](const signalfd_siginfo& info) { record.signals.push_back(info.ssi_signo); },
+            [&] {
+                ++record.interrupts;
+                on_interrupt();
+            });
+}
+
+bool AcceptAll(const std::string&, Message&) {
+    return true;
+}
+
+TEST(MessageListenerSetupTest, CountMismatchOpensNothing) {
+    LogCapture logs;
+    MessageListener listener;
+    size_t before = OpenDescriptorCount();
+    EXPECT_FALSE(listener.Setup({"/dev/null", "/dev/null"}, {AcceptAll}));
+    EXPECT_EQ(OpenDescriptorCount(), before);
+    EXPECT_EQ(logs.Texts(android::base::ERROR),
+              std::vector<std::string>{
+                      "The number of sysfs paths and sysfs callbacks does not match"});
+}
+
+TEST(MessageListenerSetupTest, MissingPathClosesWhatThisCallOpened) {
+    LogCapture logs;
+    MessageListener listener;
+    size_t before = OpenDescriptorCount();
+    EXPECT_FALSE(listener.Setup({"/dev/null", "/nonexistent/tavi/log"}, {AcceptAll, AcceptAll}));
+    EXPECT_EQ(OpenDescriptorCount(), before);
+    EXPECT_EQ(logs.Texts(android::base::ERROR),
+              std::vector<std::string>{"Could not open /nonexistent/tavi/log"});
+}
+
+TEST(MessageListenerSetupTest, SecondSetupReplacesTheFirstDescriptors) {
+    RunInChild([&] {
+        MessageListener listener;
+        size_t before = OpenDescriptorCount();
+        ASSERT_TRUE(listener.Setup({"/dev/null", "/dev/zero"}, {AcceptAll, AcceptAll}));
+        EXPECT_EQ(OpenDescriptorCount(), before + 5);  // two files, signalfd, two pipe ends
+        ASSERT_TRUE(listener.Setup({"/dev/null"}, {AcceptAll}));
+        EXPECT_EQ(OpenDescriptorCount(), before + 4);
+    });
+}
+
+TEST(MessageListenerInterruptTest, WithoutSetupFailsWithEbadf) {
+    LogCapture logs;
+    MessageListener listener;
+    EXPECT_FALSE(listener.InterruptPoll());
+    EXPECT_EQ(
+            logs.Texts(android::base::ERROR),
+            std::vector<std::string>{"write() on pipe failed with errno " + std::to_string(EBADF)});
+}
+
+TEST(MessageListenerInterruptTest, EachWakeUpGivesOneCallback) {
+    RunInChild([&] {
+        LogCapture logs;
+        MessageListener listener;
+        ASSERT_TRUE(listener.Setup({}, {}));
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(listener.InterruptPoll());
+        PollRecord record;
+        EXPECT_TRUE(PollInto(listener, record, [&] {
+            if (record.interrupts == 3) kill(getpid(), SIGINT);
+        }));
+        EXPECT_EQ(record.interrupts, 3);
+        EXPECT_EQ(record.signals, std::vector<uint32_t>{SIGINT});
+        EXPECT_EQ(logs.Count("poll() is interrupted by a client, calling interrupt callback"), 3u);
+        EXPECT_EQ(logs.Count("Interrupt signal detected, calling signal callback and stopping "
+                             "poll() loop"),
+                  1u);
+    });
+}
+
+TEST(MessageListenerInterruptTest, StopSignalWinsOverAWakeUpInTheSamePass) {
+    RunInChild([&] {
+        LogCapture logs;
+        MessageListener listener;
+        ASSERT_TRUE(listener.Setup({}, {}));
+        ASSERT_TRUE(listener.InterruptPoll());
+        kill(getpid(), SIGTERM);
+        PollRecord record;
+        EXPECT_TRUE(PollInto(listener, record));
+        EXPECT_EQ(record.interrupts, 0);
+        EXPECT_EQ(record.signals, std::vector<uint32_t>{SIGTERM});
+        EXPECT_EQ(logs.Texts(android::base::INFO),
+                  (std::vector<std::string>{
+                          "poll() loop starting",
+                          "Terminated signal detected, calling signal callback and stopping "
+                          "poll() loop"}));
+    });
+}
+
+void IgnoreSignal(int) {}
+
+TEST(MessageListenerPollTest, InterruptedPollCarriesOn) {
+    RunInChild([&] {
+        LogCapture logs;
+        MessageListener listener;
+        ASSERT_TRUE(listener.Setup({}, {}));
+        struct sigaction action = {};
+        action.sa_handler = IgnoreSignal;
+        sigaction(SIGUSR1, &action, nullptr);
+        pthread_t poll_thread = pthread_self();
+        std::thread nudger([&] {
+            usleep(100 * 1000);
+            pthread_kill(poll_thread, SIGUSR1);
+            usleep(100 * 1000);
+            kill(getpid(), SIGTERM);
+        });
+        PollRecord record;
+        EXPECT_TRUE(PollInto(listener, record));
+        nudger.join();
+        EXPECT_EQ(logs.Count("poll() is interrupted by a signal, continuing"), 1u);
+        EXPECT_EQ(record.signals, std::vector<uint32_t>{SIGTERM});
+    });
+}
+
+// The kernel side: records announced with POLLPRI, one per read from offset 0.
+class MessageListenerSysfsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string reason = SysfsEmulator::Availability();
+        if (!reason.empty()) GTEST_SKIP() << reason;
+        emulator_ = std::make_unique<SysfsEmulator>();
+        reason = emulator_->Start();
+        ASSERT_EQ(reason, "");
+    }
+
+    std::unique_ptr<SysfsEmulator> emulator_;
+};
+
+TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
+    RunInChild([&] {
+        LogCapture logs;
+        const std::string page_filler(getpagesize() - 1, '9');
+        std::vector<std::string> seen;
+        std::vector<off_t> offsets;
+        MessageListener listener;
+        int log_fd = -1;
+        auto parse = [&](const std::string& text, Message& message) {
+            seen.push_back(text);
+            if (log_fd < 0) log_fd = FindDescriptorOf(emulator_->LogPath());
+            offsets.push_back(lseek(log_fd, 0, SEEK_CUR));
+            return ParseSysfsLogValue(text, message);
+        };
+        ASSERT_TRUE(listener.Setup({emulator_->LogPath()}, {parse}));
+        const std::vector<std::string> records = {"4,1,3001,1,0,0,0\n", "4,1,3001\n",
+                                                  std::string("2,3,1000,7,8,9,0\n") + '\0' + "tail",
+                                                  page_filler, "3,0,2000,0,0,0,0\n"};
+        for (const auto& record : records) emulator_->Inject(record);
+
+        PollRecord record;
+        std::thread stopper([&] {
+            emulator_->WaitForPendingCount(0, std::chrono::seconds(5));
+            usleep(50 * 1000);
+            kill(getpid(), SIGTERM);
+        });
+        EXPECT_TRUE(PollInto(listener, record));
+        stopper.join();
+
+        EXPECT_EQ(seen, (std::vector<std::string>{"4,1,3001,1,0,0,0\n", "4,1,3001\n",
+                                                  "2,3,1000,7,8,9,0\n", page_filler,
+                                                  "3,0,2000,0,0,0,0\n"}));
+        EXPECT_EQ(offsets, std::vector<off_t>(records.size(), 0));
+        ASSERT_EQ(record.messages.size(), 3u);
+        EXPECT_EQ(record.messages[0].category, 4);
+        EXPECT_EQ(record.messages[0].error_code, 3001);
+        EXPECT_EQ(record.messages[1].param3, 9);
+        EXPECT_EQ(record.messages[2].error_code, 2000);
+        size_t rejected = 0;  // a record logs one ERROR line per line of its text
+        for (const auto& text : logs.Texts(android::base::ERROR)) {
+            if (text.rfind("Failed to parse the string for MessageType LOG: ", 0) == 0) ++rejected;
+        }
+        EXPECT_EQ(rejected, 2u);
+    });
+}
+
+TEST_F(MessageListenerSysfsTest, RecordsPendingWithTheStopSignalAreStillDelivered) {
+    RunInChild([&] {
+        MessageListener listener;
+        ASSERT_TRUE(listener.Setup({emulator_->LogPath()}, {ParseSysfsLogValue}));
+        emulator_->Inject("1,0,1,0,0,0,0\n");
+        emulator_->Inject("1,0,2,0,0,0,0\n");
+        kill(getpid(), SIGTERM);
+        PollRecord record;
+        EXPECT_TRUE(PollInto(listener, record));
+        ASSERT_EQ(record.messages.size(), 2u);
+        EXPECT_EQ(record.messages[1].error_code, 2);
+        EXPECT_EQ(record.signals, std::vector<uint32_t>{SIGTERM});
+    });
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi
