@@ -7,7 +7,7 @@ packages=(
     build-essential cmake pkg-config git
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     android-libbase-dev android-liblog-dev
-    libprotobuf-dev protobuf-compiler
+    libprotobuf-dev libprotoc-dev protobuf-compiler
     libfuse3-dev fuse3
     util-linux procps xxd
 )

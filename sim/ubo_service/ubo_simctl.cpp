@@ -1,0 +1,93 @@
+// ubo_simctl: changes and reads the state of a running ubo_sim through its control socket.
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <string>
+#include <vector>
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+
+#include "ubo_protocol.h"
+
+namespace {
+
+namespace protocol = vendor::vesk::tavi::ubo_protocol;
+using android::base::unique_fd;
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+constexpr int kReplyTimeoutSeconds = 5;
+
+void PrintUsage() {
+    fprintf(stderr,
+            "usage: ubo_simctl [--control PATH | --socket PATH] COMMAND\n"
+            "  commands: active | inactive | fail CODE | ok | refuse | accept | status\n"
+            "  --control PATH  control socket (default: $%s, or %s beside the session socket)\n"
+            "  --socket PATH   session socket whose control socket to use (default: $%s or %s)\n",
+            protocol::kControlEnv, protocol::kControlSocketName, protocol::kSocketEnv,
+            protocol::kDefaultSocketPath);
+}
+
+unique_fd Connect(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return {};
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd < 0) return {};
+    timeval timeout{kReplyTimeoutSeconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) return {};
+    return fd;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    signal(SIGPIPE, SIG_IGN);
+    std::string control_path = protocol::ControlSocketPath();
+    int first = 1;
+    while (first + 1 < argc && argv[first][0] == '-') {
+        std::string flag = argv[first];
+        if (flag == "--control") {
+            control_path = argv[first + 1];
+        } else if (flag == "--socket") {
+            control_path = protocol::ControlSocketPathFor(argv[first + 1]);
+        } else {
+            break;
+        }
+        first += 2;
+    }
+    if (first >= argc || argv[first][0] == '-') {
+        PrintUsage();
+        return kExitUsage;
+    }
+    std::vector<std::string> words(argv + first, argv + argc);
+    std::string command = android::base::Join(words, ' ') + "\n";
+
+    unique_fd fd = Connect(control_path);
+    if (fd < 0) {
+        fprintf(stderr, "ubo_simctl: cannot reach ubo_sim at %s: %s\n", control_path.c_str(),
+                strerror(errno));
+        return kExitFailure;
+    }
+    std::string reply;
+    if (!android::base::WriteStringToFd(command, fd) ||
+        !android::base::ReadFdToString(fd, &reply) || reply.empty()) {
+        fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s\n", control_path.c_str());
+        return kExitFailure;
+    }
+    bool failed = android::base::StartsWith(reply, "error:");
+    fputs(reply.c_str(), failed ? stderr : stdout);
+    return failed ? kExitFailure : 0;
+}

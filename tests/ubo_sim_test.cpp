@@ -1,0 +1,234 @@
+// The host libubo.so against a running ubo_sim, driven the way the daemon drives the service.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <gtest/gtest.h>
+
+#include "ubo.h"
+
+extern char** environ;
+
+namespace vendor::vesk::tavi {
+namespace {
+
+using namespace std::chrono_literals;
+
+template <typename Condition>
+bool Eventually(Condition condition) {
+    auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+pid_t Spawn(const std::vector<std::string>& args, const std::string& stdout_path) {
+    std::vector<char*> argv;
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdout_path.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int WaitForExit(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::vector<uint8_t> Bytes(const std::string& hex) {
+    std::vector<uint8_t> bytes;
+    for (const std::string& byte : android::base::Split(hex, " ")) {
+        bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
+    }
+    return bytes;
+}
+
+class UboSimTest : public ::testing::Test {
+  protected:
+    void SetUp() override { setenv("UBO_SIM_SOCKET", socket_.c_str(), 1); }
+
+    void TearDown() override {
+        ubo_destroy(&session_);
+        if (sim_ > 0) {
+            EXPECT_EQ(StopSimulator(), 0);
+        }
+    }
+
+    void StartSimulator(std::vector<std::string> flags) {
+        std::vector<std::string> args = {UBO_SIM_BINARY, "--socket", socket_, "--events", events_};
+        args.insert(args.end(), flags.begin(), flags.end());
+        sim_ = Spawn(args, dir_ + "/sim.out");
+        ASSERT_GT(sim_, 0);
+        ASSERT_TRUE(Eventually([this] { return Read("/sim.out").find("listening") != npos; }));
+        session_ = ubo_create();
+        ASSERT_NE(session_, nullptr);
+    }
+
+    int StopSimulator() {
+        kill(sim_, SIGTERM);
+        int code = WaitForExit(sim_);
+        sim_ = -1;
+        return code;
+    }
+
+    int Control(const std::string& command) {
+        std::vector<std::string> args = {UBO_SIMCTL_BINARY, "--control", dir_ + "/control.sock"};
+        for (const std::string& word : android::base::Split(command, " ")) args.push_back(word);
+        return WaitForExit(Spawn(args, dir_ + "/simctl.out"));
+    }
+
+    std::string Read(const std::string& name) {
+        std::string text;
+        android::base::ReadFileToString(dir_ + name, &text);
+        return text;
+    }
+
+    int32_t Send(const char* probe, const std::vector<uint8_t>& payload) {
+        return ubo_add_event(session_, "tavi", probe, payload.data(), payload.size());
+    }
+
+    static constexpr size_t npos = std::string::npos;
+    TemporaryDir temp_;
+    std::string dir_ = temp_.path;
+    std::string socket_ = dir_ + "/ubo.sock";
+    std::string events_ = dir_ + "/events.jsonl";
+    pid_t sim_ = -1;
+    ubo_session_t* session_ = nullptr;
+};
+
+TEST_F(UboSimTest, NoSessionWithoutSimulator) {
+    EXPECT_EQ(ubo_create(), nullptr);
+    EXPECT_EQ(ubo_is_active(nullptr), 0);
+}
+
+TEST_F(UboSimTest, ActiveStateFollowsControlCommands) {
+    StartSimulator({});
+    EXPECT_EQ(ubo_is_active(session_), 0);
+    struct Step {
+        const char* command;
+        int exit_code;
+        int32_t active;
+    } steps[] = {{"active", 0, 1}, {"inactive", 0, 0}, {"bogus", 1, 0},
+                 {"fail 5", 1, 0}, {"active", 0, 1},   {"status", 0, 1}};
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.command);
+        EXPECT_EQ(Control(step.command), step.exit_code);
+        EXPECT_EQ(ubo_is_active(session_), step.active);
+    }
+    EXPECT_NE(Read("/simctl.out").find("state active\n"), npos);
+}
+
+TEST_F(UboSimTest, BecomesActiveAfterDelay) {
+    StartSimulator({"--active-after", "1"});
+    EXPECT_EQ(ubo_is_active(session_), 0);
+    EXPECT_TRUE(Eventually([this] { return ubo_is_active(session_) == 1; }));
+    EXPECT_NE(Read("/sim.out").find("ubo_sim: service active\n"), npos);
+}
+
+TEST_F(UboSimTest, AddEventReturnsConfiguredCode) {
+    StartSimulator({"--active"});
+    const std::vector<uint8_t> event = Bytes("08 01 10 B9 17 18 01");
+    struct Step {
+        const char* command;
+        int32_t code;
+    } steps[] = {{nullptr, 0}, {"fail -5", -5}, {"fail -22", -22}, {"ok", 0}};
+    for (const Step& step : steps) {
+        if (step.command != nullptr) {
+            ASSERT_EQ(Control(step.command), 0);
+        }
+        EXPECT_EQ(Send("TaviChargerDetectPdHardReset", event), step.code);
+    }
+}
+
+TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
+    StartSimulator({"--active"});
+    struct Event {
+        const char* probe;
+        const char* hex;
+        const char* fields;
+    } events[] = {
+            {"TaviChargerDetectSocFreeze",
+             "08 02 10 BA 17 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02 30 01",
+             R"("fields":{"log_level":2,"error_code":3002,"param1":-1,"param2":0,"param3":300,"param4":true})"},
+            {"TaviDisplayShort", "08 07 10 D0 0F 18 00",
+             R"("fields":{"log_level":7,"error_code":2000,"param1":false})"},
+            {"TaviLinuxOsMessage", "08 01 10 E8 07 18 05 18 7B 30 02",
+             R"("fields":{"log_level":1,"error_code":1000,"params":[5,123],"6":2})"},
+    };
+    for (const Event& event : events) EXPECT_EQ(Send(event.probe, Bytes(event.hex)), 0);
+    ubo_destroy(&session_);
+    EXPECT_EQ(session_, nullptr);
+
+    std::vector<std::string> lines = android::base::Split(Read("/events.jsonl"), "\n");
+    ASSERT_EQ(lines.size(), 7u);  // started, created, three events, destroyed, trailing ""
+    EXPECT_NE(lines[1].find(R"("kind":"session_created")"), npos);
+    for (size_t i = 0; i < std::size(events); ++i) {
+        SCOPED_TRACE(events[i].probe);
+        const std::string& line = lines[2 + i];
+        EXPECT_NE(line.find(R"({"kind":"event")"), npos);
+        EXPECT_NE(line.find(R"("seq":)" + std::to_string(i + 1) + R"(,"session":1)"), npos);
+        EXPECT_NE(line.find(std::string(R"("probe":")") + events[i].probe + R"(")"), npos);
+        EXPECT_NE(line.find(events[i].fields), npos) << line;
+        std::string hex = android::base::Join(android::base::Split(events[i].hex, " "), "");
+        std::transform(hex.begin(), hex.end(), hex.begin(), ::tolower);
+        EXPECT_NE(line.find(R"("payload_hex":")" + hex + R"(")"), npos);
+    }
+    EXPECT_NE(lines[5].find(R"("kind":"session_destroyed")"), npos);
+    EXPECT_NE(lines[5].find(R"("session":1)"), npos);
+    EXPECT_NE(Read("/sim.out").find("error_code: 3002 (CHARGER_DETECT_SOC_FREEZE), param1: -1"),
+              npos);
+}
+
+TEST_F(UboSimTest, ConcurrentCallsKeepTheSessionInStep) {
+    StartSimulator({"--active", "--fail", "-7"});
+    const std::vector<uint8_t> event = Bytes("08 00 10 D0 0F 18 00");
+    int wrong_codes = 0;
+    std::thread sender([&] {
+        for (int i = 0; i < 200; ++i) wrong_codes += Send("TaviDisplayShort", event) != -7;
+    });
+    int wrong_states = 0;
+    for (int i = 0; i < 200; ++i) wrong_states += ubo_is_active(session_) != 1;
+    sender.join();
+    EXPECT_EQ(wrong_codes, 0);
+    EXPECT_EQ(wrong_states, 0);
+}
+
+TEST_F(UboSimTest, RefusedOrVanishedServiceFailsCleanly) {
+    StartSimulator({"--active"});
+    ASSERT_EQ(Control("refuse"), 0);
+    EXPECT_EQ(ubo_create(), nullptr);
+    ASSERT_EQ(Control("accept"), 0);
+    ubo_session_t* second = ubo_create();
+    EXPECT_NE(second, nullptr);
+    ubo_destroy(&second);
+
+    EXPECT_EQ(StopSimulator(), 0);
+    EXPECT_NE(access(socket_.c_str(), F_OK), 0);
+    EXPECT_NE(access((dir_ + "/control.sock").c_str(), F_OK), 0);
+    EXPECT_EQ(ubo_is_active(session_), -1);
+    EXPECT_LT(Send("TaviDisplayShort", Bytes("08 00 10 D0 0F 18 00")), 0);
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi
