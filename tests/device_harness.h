@@ -1,0 +1,91 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <android-base/file.h>
+
+#include "sysfs_emulator.h"
+
+namespace vendor::vesk::tavi::testing {
+
+// One line of the daemon's log: severity letter (I, E, F) and text, with the moment the
+// harness first saw it, which is precise enough to check pauses of a second.
+struct LogLine {
+    char severity = '?';
+    std::string text;
+    std::chrono::steady_clock::time_point seen;
+};
+
+// One record of the event service's JSON lines log (only the members the tests look at).
+struct ServiceRecord {
+    std::string kind;
+    std::string source;
+    std::string probe;
+    std::string payload_hex;
+};
+
+// The real daemon on a simulated device: the emulated kernel attribute, the event service
+// and the daemon in its own mount namespace, all in a fresh temporary folder. Every wait is
+// bounded, and the destructor kills and reaps whatever is still running.
+class SimulatedDevice {
+  public:
+    // Empty when the device can be simulated here; otherwise why not.
+    static std::string Availability();
+
+    SimulatedDevice();
+    ~SimulatedDevice();
+    SimulatedDevice(const SimulatedDevice&) = delete;
+    SimulatedDevice& operator=(const SimulatedDevice&) = delete;
+
+    // Starts the attribute (unless `with_attribute` is false: the daemon then finds no
+    // attribute), the event service (active or not) and the daemon: "" or the reason.
+    std::string Start(bool service_active, bool with_attribute = true);
+
+    bool Inject(const std::string& record) const { return attribute_.Inject(record); }
+    bool SetServiceActive(bool active) const;
+    bool Signal(int signal_number) const;
+    bool DaemonAlive();
+    // The daemon's wait status once it has ended within `timeout`.
+    std::optional<int> WaitForExit(std::chrono::milliseconds timeout);
+
+    // Waits until the log holds `count` lines reading exactly `text`.
+    bool WaitForLogLine(const std::string& text, std::chrono::milliseconds timeout,
+                        size_t count = 1);
+    // Waits until the service has logged `count` records of `kind` ("event", "session_lost").
+    bool WaitForRecords(const std::string& kind, size_t count, std::chrono::milliseconds timeout);
+    const std::vector<LogLine>& LogLines();
+    std::vector<LogLine> LinesReading(const std::string& text);
+    // Position of the first line reading `text`, or -1.
+    int LineIndex(const std::string& text);
+
+    // The service's records of one kind ("event", "session_created", ...), in order.
+    std::vector<ServiceRecord> Records(const std::string& kind) const;
+    size_t CountRecords(const std::string& kind) const { return Records(kind).size(); }
+
+    std::string PersistDir() const { return dir_ + "/persist"; }
+    std::string CachePath() const { return PersistDir() + "/cache.bin"; }
+
+  private:
+    bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
+    void ReadNewLogLines();
+    int RunSimctl(const std::string& command) const;
+    void StopDaemon();
+    void StopService();
+
+    TemporaryDir temp_;
+    std::string dir_ = temp_.path;
+    SysfsEmulator attribute_;
+    pid_t service_ = -1;
+    pid_t daemon_ = -1;
+    std::optional<int> daemon_status_;
+    size_t log_bytes_read_ = 0;
+    std::vector<LogLine> log_lines_;
+};
+
+}  // namespace vendor::vesk::tavi::testing
