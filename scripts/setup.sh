@@ -13,10 +13,19 @@ packages=(
 )
 packages+=("$@")
 
+# A name without ":arch" means the machine's own architecture (or an "all" package); with
+# foreign architectures enabled, dpkg may list one instance per architecture.
+native_arch=$(dpkg --print-architecture)
+is_installed() {
+    local name=${1%%:*} arch=${1#*:}
+    [[ "$1" == *:* ]] || arch=$native_arch
+    dpkg-query -W -f='${Architecture} ${db:Status-Status}\n' "$name" 2>/dev/null |
+        grep -qE "^($arch|all) installed$"
+}
+
 missing=()
 for package in "${packages[@]}"; do
-    status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
-    [[ "$status" == "installed" ]] || missing+=("$package")
+    is_installed "$package" || missing+=("$package")
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
 
