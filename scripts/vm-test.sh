@@ -1,0 +1,268 @@
+#!/usr/bin/env bash
+# Boots Debian's stock kernel under full-system emulation with the tavi_log module, the
+# daemon, the event-service simulator and a busybox initramfs, and runs vm/init.sh in it.
+#
+# Usage: scripts/vm-test.sh [x86_64|arm64|all]        (default: all)
+#   BUILD_DIR     work folder (default: build-vm): downloaded packages, builds, console logs
+#   VM_TIMEOUT    seconds one VM may run (default: 180)
+#   KERNEL_ABI    Debian kernel ABI, e.g. 6.1.0-56 (default: the one linux-image-amd64 names)
+#   TAVI_VM_DAEMON=0  kernel checks only: no daemon, simulator or libubo in the image
+#
+# The kernel packages are unpacked into BUILD_DIR, never installed: the host's kernel and
+# boot files stay as they are.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build_dir=${BUILD_DIR:-$root/build-vm}
+vm_timeout=${VM_TIMEOUT:-180}
+with_daemon=${TAVI_VM_DAEMON:-1}
+mkdir -p "$build_dir"
+build_dir=$(cd "$build_dir" && pwd)
+
+say() { echo "vm-test: $*"; }
+die() { say "$*" >&2; exit 1; }
+quiet() { # runs a command, showing its output only when it fails
+    local log
+    log=$(mktemp)
+    if ! "$@" >"$log" 2>&1; then
+        tail -n 40 "$log" >&2
+        rm -f "$log"
+        return 1
+    fi
+    rm -f "$log"
+}
+
+host_packages=(qemu-system-x86 qemu-system-arm cpio gzip libelf-dev binutils)
+arm64_packages=(gcc-aarch64-linux-gnu libc6-dev-arm64-cross)
+if [[ "$with_daemon" == 1 ]]; then
+    # The cross toolchain file also wants qemu-user for running target programs.
+    arm64_packages+=(g++-aarch64-linux-gnu qemu-user android-libbase-dev:arm64
+        android-liblog-dev:arm64 libprotobuf-dev:arm64 libprotoc-dev:arm64 libfuse3-dev:arm64)
+fi
+
+setup_packages() {
+    if [[ " $* " == *" arm64 "* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+        [[ $(id -u) -eq 0 ]] || die "run as root once to add the arm64 architecture"
+        dpkg --add-architecture arm64
+        apt-get update -qq
+    fi
+    local packages=("${host_packages[@]}")
+    [[ " $* " == *" arm64 "* ]] && packages+=("${arm64_packages[@]}")
+    "$root/scripts/setup.sh" "${packages[@]}"
+}
+
+kernel_abi() {
+    local abi=${KERNEL_ABI:-}
+    if [[ -z "$abi" ]]; then
+        abi=$(apt-cache depends linux-image-amd64 2>/dev/null |
+            sed -n 's/^ *Depends: linux-image-\(.*\)-amd64$/\1/p' | head -n 1)
+    fi
+    if [[ -z "$abi" ]]; then
+        apt-get update -qq
+        abi=$(apt-cache depends linux-image-amd64 |
+            sed -n 's/^ *Depends: linux-image-\(.*\)-amd64$/\1/p' | head -n 1)
+    fi
+    [[ -n "$abi" ]] || die "cannot tell the kernel ABI from linux-image-amd64"
+    echo "$abi"
+}
+
+# Downloads and unpacks the kernel image, its headers (with the host's kbuild tools) and
+# busybox-static of one Debian architecture into its own folder.
+fetch_kernel() {
+    local deb_arch=$1 abi=$2 dir=$3
+    [[ -f "$dir/.unpacked" ]] && return 0
+    local kbuild
+    kbuild=$(apt-cache depends "linux-headers-$abi-amd64" 2>/dev/null |
+        sed -n 's/^ *Depends: \(linux-kbuild-[0-9.]*\)$/\1/p' | head -n 1) || true
+    [[ -n "$kbuild" ]] || die "cannot tell the kbuild package of linux-headers-$abi-amd64"
+    local cache="$build_dir/cache"
+    mkdir -p "$cache"
+    say "downloading Debian's $abi-$deb_arch kernel, headers and busybox-static"
+    (cd "$cache" && quiet apt-get -o APT::Sandbox::User=root download \
+        "linux-image-$abi-$deb_arch:$deb_arch" "linux-headers-$abi-$deb_arch:$deb_arch" \
+        "linux-headers-$abi-common" "$kbuild" "busybox-static:$deb_arch")
+    rm -rf "$dir"
+    mkdir -p "$dir"
+    local host_arch pattern file
+    host_arch=$(dpkg --print-architecture)
+    # The kbuild tools run on this machine, so they are of the host's architecture.
+    for pattern in "linux-image-${abi}-${deb_arch}_*_$deb_arch" \
+        "linux-headers-${abi}-${deb_arch}_*_$deb_arch" "linux-headers-${abi}-common_*_all" \
+        "${kbuild}_*_$host_arch" "busybox-static_*_$deb_arch"; do
+        # shellcheck disable=SC2012,SC2086 # a glob over plain package file names
+        file=$(ls -t "$cache"/$pattern.deb 2>/dev/null | head -n 1)
+        [[ -n "$file" ]] || die "missing download $pattern.deb"
+        if [[ "$pattern" == linux-image-* ]]; then
+            # Only the kernel itself: its stock modules are not needed.
+            dpkg-deb --fsys-tarfile "$file" | tar -x -C "$dir" ./boot
+        else
+            dpkg-deb -x "$file" "$dir"
+        fi
+    done
+    # The headers' Makefile includes the common part by absolute path.
+    sed -i "s|^include /usr/src/|include $dir/usr/src/|" \
+        "$dir/usr/src/linux-headers-$abi-$deb_arch/Makefile"
+    touch "$dir/.unpacked"
+}
+
+build_module() {
+    local arch=$1 kdir=$2 out=$3
+    rm -rf "$out"
+    cp -r "$root/kernel" "$out"
+    local cross=()
+    [[ "$arch" == arm64 ]] && cross=(ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu-)
+    quiet nice make -C "$out" KDIR="$kdir" "${cross[@]}" -j2
+}
+
+build_daemon() {
+    local arch=$1 out=$2
+    local args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVI_BUILD_TESTS=OFF -DTAVI_BUILD_SIM=ON
+        -DTAVI_BUILD_BENCH=OFF -DTAVI_BUILD_FUZZ=OFF)
+    if [[ "$arch" == arm64 ]]; then
+        args+=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-aarch64.cmake")
+        export PKG_CONFIG_LIBDIR=/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig
+    fi
+    quiet cmake -S "$root" -B "$out" "${args[@]}"
+    unset PKG_CONFIG_LIBDIR
+    quiet nice cmake --build "$out" -j2 --target tavi_daemon ubo_sim ubo_simctl ubo
+}
+
+# Copies the shared libraries ELF files need, transitively, into STAGE/lib, and their
+# program interpreter to the path they name. The first search folder holding a library wins.
+stage_libraries() {
+    local stage=$1 search=$2
+    shift 2
+    local pending=("$@") seen=" " file
+    while [[ ${#pending[@]} -gt 0 ]]; do
+        file=${pending[0]}
+        pending=("${pending[@]:1}")
+        local interp
+        interp=$(readelf -l "$file" | sed -n 's/.*program interpreter: \(.*\)]$/\1/p')
+        if [[ -n "$interp" && ! -e "$stage$interp" ]]; then
+            # From the same folder as libc when there is one: the two must match exactly.
+            local interp_file
+            interp_file=$(find_library "$(basename "$interp")" "$search") || interp_file=$interp
+            mkdir -p "$stage$(dirname "$interp")"
+            cp -L "$interp_file" "$stage$interp"
+        fi
+        local needed
+        for needed in $(readelf -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]$/\1/p'); do
+            [[ "$seen" == *" $needed "* ]] && continue
+            seen+="$needed "
+            local found
+            found=$(find_library "$needed" "$search") || die "no $needed for $file"
+            cp -L "$found" "$stage/lib/$needed"
+            pending+=("$found")
+        done
+    done
+}
+
+find_library() {
+    local name=$1 search=$2 dir
+    for dir in $search; do
+        [[ -e "$dir/$name" ]] && { echo "$dir/$name"; return 0; }
+    done
+    return 1
+}
+
+make_initramfs() {
+    local arch=$1 kernel_dir=$2 kmod=$3 daemon_build=$4 image=$5
+    local stage="$build_dir/initramfs-$arch"
+    rm -rf "$stage"
+    mkdir -p "$stage"/{bin,lib,modules,etc,dev,proc,sys,tmp,run}
+    cp "$kernel_dir/bin/busybox" "$stage/bin/busybox"
+    install -m 0755 "$root/vm/init.sh" "$stage/init"
+    cp "$kmod/tavi_log.ko" "$kmod/tavi_log_test.ko" "$stage/modules/"
+    cp "$build_dir/pollcheck-$arch" "$stage/bin/pollcheck"
+    mknod "$stage/dev/console" c 5 1 2>/dev/null || true
+    if [[ -n "$daemon_build" ]]; then
+        local triplet=x86_64-linux-gnu sysroot=
+        [[ "$arch" == arm64 ]] && triplet=aarch64-linux-gnu sysroot=/usr/aarch64-linux-gnu/lib
+        # The cross compiler's own libc comes last: the multiarch one is the newer, and the
+        # one the other multiarch libraries were built with.
+        local search="$daemon_build/libubo /usr/lib/$triplet/android /lib/$triplet
+            /usr/lib/$triplet $sysroot"
+        cp "$daemon_build/src/tavi_daemon" "$daemon_build/sim/ubo_service/ubo_sim" \
+            "$daemon_build/sim/ubo_service/ubo_simctl" "$stage/bin/"
+        cp "$root/src/probe/tavi.proto" "$stage/etc/tavi.proto"
+        stage_libraries "$stage" "$search" "$stage/bin/tavi_daemon" "$stage/bin/ubo_sim" \
+            "$stage/bin/ubo_simctl"
+        [[ -e "$stage/lib/libubo.so" ]] || die "tavi_daemon does not link libubo.so"
+    fi
+    (cd "$stage" && find . | cpio -o -H newc -R 0:0 --quiet) | gzip -1 >"$image"
+}
+
+run_vm() {
+    local arch=$1 kernel=$2 initrd=$3 console_log=$4
+    local qemu
+    case "$arch" in
+        x86_64) qemu=(qemu-system-x86_64 -accel tcg -cpu max) console=ttyS0 ;;
+        arm64) qemu=(qemu-system-aarch64 -M virt -cpu cortex-a57 -accel tcg) console=ttyAMA0 ;;
+    esac
+    local status=0
+    timeout -k 10 "$vm_timeout" nice "${qemu[@]}" -m 512 -smp 1 -nographic -no-reboot \
+        -kernel "$kernel" -initrd "$initrd" \
+        -append "console=$console panic=-1 quiet loglevel=4" \
+        </dev/null >"$console_log" 2>&1 || status=$?
+    tr -d '\r' <"$console_log" >"$console_log.txt"
+    grep -E '^(ok|not ok) - |^TAVI-VM: ' "$console_log.txt" || true
+    [[ $status -eq 124 || $status -eq 137 ]] && say "$arch: the VM ran out of its ${vm_timeout}s"
+    grep -q '^TAVI-VM: PASS' "$console_log.txt"
+}
+
+# Everything up to the image; any failure here ends the script.
+prepare_arch() {
+    local arch=$1 abi=$2 deb_arch=$3
+    local cc=gcc
+    [[ "$arch" == arm64 ]] && cc=aarch64-linux-gnu-gcc
+    local kernel_dir="$build_dir/kernel-$abi-$deb_arch"
+    fetch_kernel "$deb_arch" "$abi" "$kernel_dir"
+    say "$arch: building tavi_log against linux-headers-$abi-$deb_arch"
+    build_module "$arch" "$kernel_dir/usr/src/linux-headers-$abi-$deb_arch" \
+        "$build_dir/kmod-$arch"
+    quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -o "$build_dir/pollcheck-$arch" \
+        "$root/vm/pollcheck.c"
+    local daemon_build=
+    if [[ "$with_daemon" == 1 ]]; then
+        daemon_build="$build_dir/daemon-$arch"
+        say "$arch: building tavi_daemon, ubo_sim, ubo_simctl and libubo.so"
+        build_daemon "$arch" "$daemon_build"
+    fi
+    make_initramfs "$arch" "$kernel_dir" "$build_dir/kmod-$arch" "$daemon_build" \
+        "$build_dir/initramfs-$arch.cpio.gz"
+}
+
+test_arch() {
+    local arch=$1 abi=$2
+    local deb_arch=amd64
+    [[ "$arch" == arm64 ]] && deb_arch=arm64
+    local start=$SECONDS
+    prepare_arch "$arch" "$abi" "$deb_arch"
+    local built=$SECONDS
+    say "$arch: booting $abi-$deb_arch (prepared in $((built - start))s)"
+    local verdict=PASS
+    run_vm "$arch" "$build_dir/kernel-$abi-$deb_arch/boot/vmlinuz-$abi-$deb_arch" \
+        "$build_dir/initramfs-$arch.cpio.gz" "$build_dir/console-$arch.log" || verdict=FAIL
+    say "$arch: $verdict, VM ran $((SECONDS - built))s"
+    say "$arch: console log in $build_dir/console-$arch.log.txt"
+    [[ "$verdict" == PASS ]] && passed=$((passed + 1)) || failed=$((failed + 1))
+}
+
+main() {
+    local which=${1:-all} arches
+    case "$which" in
+        x86_64 | arm64) arches=("$which") ;;
+        all) arches=(x86_64 arm64) ;;
+        *) die "usage: $0 [x86_64|arm64|all]" ;;
+    esac
+    setup_packages "${arches[@]}"
+    local abi arch
+    abi=$(kernel_abi)
+    passed=0 failed=0
+    for arch in "${arches[@]}"; do
+        test_arch "$arch" "$abi"
+    done
+    echo "vm-test: $passed passed, $failed failed"
+    [[ $failed -eq 0 ]]
+}
+
+main "$@"
