@@ -22,8 +22,6 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds kPollInterval(10);
-constexpr milliseconds kStartTimeout(5000);
-constexpr milliseconds kStopTimeout(3000);
 
 std::vector<char*> CStrings(std::vector<std::string>& strings) {
     std::vector<char*> pointers;
@@ -72,9 +70,22 @@ std::optional<int> Reap(pid_t pid, milliseconds timeout) {
 
 void StopProcess(pid_t pid, int signal_number) {
     kill(pid, signal_number);
-    if (Reap(pid, kStopTimeout)) return;
+    if (Reap(pid, 3s)) return;
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
+}
+
+// Runs `args` to its end, within 10 s: its wait status, or nothing.
+std::optional<int> Run(std::vector<std::string> args, const std::string& output_path) {
+    pid_t pid = Spawn(std::move(args), {}, output_path);
+    if (pid < 0) return std::nullopt;
+    std::optional<int> status = Reap(pid, 10s);
+    if (!status) StopProcess(pid, SIGKILL);
+    return status;
+}
+
+bool Succeeded(std::optional<int> status) {
+    return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
 }
 
 std::string ReadText(const std::string& path) {
@@ -85,17 +96,9 @@ std::string ReadText(const std::string& path) {
 
 // "tavi_daemon I 11-22 22:20:31  2903  2903 main.cpp:110] text"
 LogLine ParseLogLine(const std::string& line, Clock::time_point seen) {
-    LogLine parsed;
-    parsed.seen = seen;
-    size_t space = line.find(' ');
-    size_t text_start = line.find("] ");
-    if (space == std::string::npos || text_start == std::string::npos) {
-        parsed.text = line;
-        return parsed;
-    }
-    parsed.severity = line[space + 1];
-    parsed.text = line.substr(text_start + 2);
-    return parsed;
+    const size_t space = line.find(' '), text_start = line.find("] ");
+    if (space == std::string::npos || text_start == std::string::npos) return {'?', line, seen};
+    return {line[space + 1], line.substr(text_start + 2), seen};
 }
 
 // The value of a string member, e.g. "probe":"TaviDisplayShort"; the simulator writes
@@ -113,17 +116,13 @@ std::string ProbeAvailability() {
     if (std::string reason = SysfsEmulator::Availability(); !reason.empty()) return reason;
     // The launcher needs unshare(1) and mounts in a new namespace, which not every host allows.
     TemporaryDir persist;
-    pid_t pid =
-            Spawn({TAVI_NS_EXEC, "--persist", persist.path, "--no-attribute", "--", "/bin/true"},
-                  {}, std::string(persist.path) + "/launcher.out");
-    if (pid < 0) return "could not start " TAVI_NS_EXEC;
-    std::optional<int> status = Reap(pid, 10s);
-    if (!status) StopProcess(pid, SIGKILL);
-    if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) {
-        return "the namespace launcher failed (unshare or mount not usable here): " +
-               ReadText(std::string(persist.path) + "/launcher.out");
+    const std::string output = std::string(persist.path) + "/launcher.out";
+    if (Succeeded(
+                Run({TAVI_NS_EXEC, "--persist", persist.path, "--no-attribute", "--", "/bin/true"},
+                    output))) {
+        return "";
     }
-    return "";
+    return "the namespace launcher failed (unshare or mount not usable here): " + ReadText(output);
 }
 
 }  // namespace
@@ -139,9 +138,8 @@ SimulatedDevice::SimulatedDevice() {
 }
 
 SimulatedDevice::~SimulatedDevice() {
-    StopDaemon();
-    StopService();
-    attribute_.Stop();
+    if (DaemonAlive()) StopProcess(daemon_, SIGKILL);
+    if (service_ > 0) StopProcess(service_, SIGTERM);
 }
 
 std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
@@ -153,11 +151,10 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
                                         dir_ + "/events.jsonl"};
     if (service_active) service.push_back("--active");
     service_ = Spawn(service, {}, dir_ + "/service.out");
-    if (service_ < 0) return "could not start " UBO_SIM_BINARY;
     auto listening = [this] {
         return ReadText(dir_ + "/service.out").find("listening") != std::string::npos;
     };
-    if (!WaitUntil(listening, kStartTimeout)) return "ubo_sim did not listen on " + socket;
+    if (service_ < 0 || !WaitUntil(listening, 5s)) return "ubo_sim did not listen on " + socket;
 
     std::vector<std::string> daemon = {TAVI_NS_EXEC, "--persist", PersistDir()};
     if (with_attribute) {
@@ -167,26 +164,16 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
     }
     daemon.insert(daemon.end(), {"--", TAVI_DAEMON_BINARY});
     daemon_ = Spawn(daemon, {"UBO_SIM_SOCKET=" + socket}, dir_ + "/daemon.log");
-    if (daemon_ < 0) return "could not start the daemon";
     // Without the attribute the poll loop never starts; the first line is all there is.
-    const char* started = with_attribute ? "poll() loop starting" : "tavi_daemon starting";
-    if (!WaitForLogLine(started, kStartTimeout)) {
-        return "the daemon did not log " + std::string(started);
-    }
+    const std::string started = with_attribute ? "poll() loop starting" : "tavi_daemon starting";
+    if (daemon_ < 0 || !WaitForLogLine(started, 5s)) return "the daemon did not log " + started;
     return "";
 }
 
 bool SimulatedDevice::SetServiceActive(bool active) const {
-    return RunSimctl(active ? "active" : "inactive") == 0;
-}
-
-int SimulatedDevice::RunSimctl(const std::string& command) const {
-    pid_t pid = Spawn({UBO_SIMCTL_BINARY, "--socket", dir_ + "/ubo.sock", command}, {},
-                      dir_ + "/simctl.out");
-    if (pid < 0) return -1;
-    std::optional<int> status = Reap(pid, 10s);
-    if (!status) StopProcess(pid, SIGKILL);
-    return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+    return Succeeded(
+            Run({UBO_SIMCTL_BINARY, "--socket", dir_ + "/ubo.sock", active ? "active" : "inactive"},
+                dir_ + "/simctl.out"));
 }
 
 bool SimulatedDevice::Signal(int signal_number) const {
@@ -206,8 +193,8 @@ std::optional<int> SimulatedDevice::WaitForExit(milliseconds timeout) {
     return daemon_status_;
 }
 
-bool SimulatedDevice::WaitForLogLine(const std::string& text, milliseconds timeout, size_t count) {
-    return WaitUntil([&] { return LinesReading(text).size() >= count; }, timeout);
+bool SimulatedDevice::WaitForLogLine(const std::string& text, milliseconds timeout) {
+    return WaitUntil([&] { return LineIndex(text) >= 0; }, timeout);
 }
 
 bool SimulatedDevice::WaitForRecords(const std::string& kind, size_t count, milliseconds timeout) {
@@ -239,7 +226,7 @@ std::vector<ServiceRecord> SimulatedDevice::Records(const std::string& kind) con
     std::vector<ServiceRecord> records;
     for (const std::string& line : android::base::Split(ReadText(dir_ + "/events.jsonl"), "\n")) {
         if (JsonString(line, "kind") != kind) continue;
-        records.push_back({kind, JsonString(line, "source"), JsonString(line, "probe"),
+        records.push_back({JsonString(line, "source"), JsonString(line, "probe"),
                            JsonString(line, "payload_hex")});
     }
     return records;
@@ -264,16 +251,6 @@ void SimulatedDevice::ReadNewLogLines() {
         log_lines_.push_back(ParseLogLine(text.substr(start, end - start), now));
     }
     log_bytes_read_ = start;
-}
-
-void SimulatedDevice::StopDaemon() {
-    if (DaemonAlive()) StopProcess(daemon_, SIGKILL);
-    daemon_ = -1;
-}
-
-void SimulatedDevice::StopService() {
-    if (service_ > 0) StopProcess(service_, SIGTERM);
-    service_ = -1;
 }
 
 }  // namespace vendor::vesk::tavi::testing

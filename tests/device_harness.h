@@ -24,7 +24,6 @@ struct LogLine {
 
 // One record of the event service's JSON lines log (only the members the tests look at).
 struct ServiceRecord {
-    std::string kind;
     std::string source;
     std::string probe;
     std::string payload_hex;
@@ -54,9 +53,8 @@ class SimulatedDevice {
     // The daemon's wait status once it has ended within `timeout`.
     std::optional<int> WaitForExit(std::chrono::milliseconds timeout);
 
-    // Waits until the log holds `count` lines reading exactly `text`.
-    bool WaitForLogLine(const std::string& text, std::chrono::milliseconds timeout,
-                        size_t count = 1);
+    // Waits until the log holds a line reading exactly `text`.
+    bool WaitForLogLine(const std::string& text, std::chrono::milliseconds timeout);
     // Waits until the service has logged `count` records of `kind` ("event", "session_lost").
     bool WaitForRecords(const std::string& kind, size_t count, std::chrono::milliseconds timeout);
     const std::vector<LogLine>& LogLines();
@@ -74,9 +72,6 @@ class SimulatedDevice {
   private:
     bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
     void ReadNewLogLines();
-    int RunSimctl(const std::string& command) const;
-    void StopDaemon();
-    void StopService();
 
     TemporaryDir temp_;
     std::string dir_ = temp_.path;

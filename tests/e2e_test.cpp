@@ -231,15 +231,11 @@ TEST_F(DaemonOnDeviceTest, LogsRejectedRecordsAndKeepsServing) {
     } rejected[] = {
             {"4,1,abc,1,0,0,0\n",
              "Failed to parse the string for MessageType LOG: 4,1,abc,1,0,0,0"},
-            {"4,1,3001,1,0,0\n", "Failed to parse the string for MessageType LOG: 4,1,3001,1,0,0"},
             {"4,1,3001,1,0,0,0",
              "Failed to parse the string for MessageType LOG: 4,1,3001,1,0,0,0"},
             {"1,0,100,0,0,0,0\n",
              "Failed to pack the massage: Message {Type: LOG, Category: 1, LogLevel: 0, "
              "ErrorCode: 100, Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"},
-            {"2,1,1002,0,0,0,0\n",
-             "Failed to pack the massage: Message {Type: LOG, Category: 2, LogLevel: 1, "
-             "ErrorCode: 1002, Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"},
             {"4,1,3005,0,0,0,0\n",
              "Failed to pack the massage: Message {Type: LOG, Category: 4, LogLevel: 1, "
              "ErrorCode: 3005, Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"},

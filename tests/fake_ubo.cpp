@@ -9,7 +9,6 @@ namespace {
 struct Script {
     std::deque<ubo_session_t*> create_queue;
     std::deque<int32_t> active_queue;
-    ubo_session_t* create = nullptr;
     int32_t active = 0;
     int32_t add_event = 0;
     std::vector<Record> calls;
@@ -17,6 +16,12 @@ struct Script {
 
 std::mutex g_mutex;
 Script g_script;
+
+// The script, locked for the rest of the full expression that uses it.
+struct Locked {
+    std::lock_guard<std::mutex> lock{g_mutex};
+    Script& script = g_script;
+};
 
 template <typename T>
 T Next(std::deque<T>& queue, T fixed) {
@@ -34,38 +39,27 @@ ubo_session_t* Session(int n) {
 }
 
 void Reset() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_script = Script{};
+    Locked().script = Script{};
 }
 
 void QueueCreate(std::vector<ubo_session_t*> results) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_script.create_queue.assign(results.begin(), results.end());
+    Locked().script.create_queue.assign(results.begin(), results.end());
 }
 
 void QueueActive(std::vector<int32_t> results) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_script.active_queue.assign(results.begin(), results.end());
-}
-
-void SetCreate(ubo_session_t* result) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_script.create = result;
+    Locked().script.active_queue.assign(results.begin(), results.end());
 }
 
 void SetActive(int32_t result) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_script.active = result;
+    Locked().script.active = result;
 }
 
 void SetAddEvent(int32_t result) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_script.add_event = result;
+    Locked().script.add_event = result;
 }
 
 std::vector<Record> Calls() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_script.calls;
+    return Locked().script.calls;
 }
 
 std::vector<Record> Calls(Call call) {
@@ -83,29 +77,28 @@ namespace fake = vendor::vesk::tavi::testing::fake_ubo;
 extern "C" {
 
 ubo_session_t* ubo_create(void) {
-    std::lock_guard<std::mutex> lock(fake::g_mutex);
-    fake::g_script.calls.push_back({fake::Call::kCreate});
-    return fake::Next(fake::g_script.create_queue, fake::g_script.create);
+    fake::Locked locked;
+    locked.script.calls.push_back({fake::Call::kCreate});
+    return fake::Next<ubo_session_t*>(locked.script.create_queue, nullptr);
 }
 
 int32_t ubo_is_active(ubo_session_t* session) {
-    std::lock_guard<std::mutex> lock(fake::g_mutex);
-    fake::g_script.calls.push_back({fake::Call::kIsActive, session});
+    fake::Locked locked;
+    locked.script.calls.push_back({fake::Call::kIsActive, session});
     if (session == nullptr) return 0;
-    return fake::Next(fake::g_script.active_queue, fake::g_script.active);
+    return fake::Next(locked.script.active_queue, locked.script.active);
 }
 
 int32_t ubo_add_event(ubo_session_t* session, const char* source, const char* probe,
                       const uint8_t* data, size_t size) {
-    std::lock_guard<std::mutex> lock(fake::g_mutex);
-    fake::g_script.calls.push_back({fake::Call::kAddEvent, session, source, probe,
-                                    std::string(reinterpret_cast<const char*>(data), size)});
-    return fake::g_script.add_event;
+    fake::Locked locked;
+    locked.script.calls.push_back({fake::Call::kAddEvent, session, source, probe,
+                                   std::string(reinterpret_cast<const char*>(data), size)});
+    return locked.script.add_event;
 }
 
 void ubo_destroy(ubo_session_t** session) {
-    std::lock_guard<std::mutex> lock(fake::g_mutex);
-    fake::g_script.calls.push_back({fake::Call::kDestroy, *session});
+    fake::Locked().script.calls.push_back({fake::Call::kDestroy, *session});
     *session = nullptr;
 }
 }

@@ -28,10 +28,9 @@ ubo_session_t* Session(int n = 1);
 // Forgets every call and script: create gives null, is_active 0 and add_event 0.
 void Reset();
 
-// Results of the next calls, in order; once used up, the fixed result applies.
+// Results of the next calls, in order; once used up, the fixed one (for create: null).
 void QueueCreate(std::vector<ubo_session_t*> results);
 void QueueActive(std::vector<int32_t> results);
-void SetCreate(ubo_session_t* result);
 // Answer for a non-null session; a null session is always inactive, as the real library.
 void SetActive(int32_t result);
 void SetAddEvent(int32_t result);

@@ -10,9 +10,9 @@ std::mutex g_mutex;
 std::vector<LogLine> g_lines;
 
 void CaptureLogger(android::base::LogId, android::base::LogSeverity severity, const char*,
-                   const char* file, unsigned int, const char* message) {
+                   const char*, unsigned int, const char* message) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_lines.push_back({severity, file ? file : "", message});
+    g_lines.push_back({severity, message});
 }
 
 }  // namespace

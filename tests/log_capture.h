@@ -9,14 +9,13 @@ namespace vendor::vesk::tavi::testing {
 
 struct LogLine {
     android::base::LogSeverity severity;
-    std::string file;
     std::string text;
 };
 
 // Captures every libbase log line written while it lives (on any thread); restores the
 // default stderr logger when destroyed.
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;

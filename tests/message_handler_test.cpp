@@ -1,8 +1,6 @@
 #include "handler/message_handler.h"
 
-#include <cstdio>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,6 +8,7 @@
 
 #include "fake_ubo.h"
 #include "log_capture.h"
+#include "test_helpers.h"
 
 namespace vendor::vesk::tavi {
 namespace {
@@ -18,59 +17,25 @@ namespace fake_ubo = testing::fake_ubo;
 using android::base::ERROR;
 using android::base::INFO;
 using fake_ubo::Call;
+using testing::Hex;
+using testing::TextForm;
 using Lines = std::vector<std::string>;
 
-std::string Hex(const std::string& bytes) {
-    std::string hex;
-    for (unsigned char byte : bytes) {
-        char digits[4];
-        snprintf(digits, sizeof(digits), "%s%02X", hex.empty() ? "" : " ", byte);
-        hex += digits;
-    }
-    return hex;
-}
-
-std::string TextForm(const Message& message) {
-    std::ostringstream os;
-    os << message;
-    return os.str();
-}
-
 // libbase writes a text that ends in a line feed as that line followed by an empty one.
-Lines Logged(const std::string& prefix, const Message& message) {
-    std::string line = prefix + TextForm(message);
-    EXPECT_EQ(line.back(), '\n');
-    line.pop_back();
-    return {line, ""};
-}
-
 Lines Logged(const std::string& prefix, const std::vector<Message>& messages) {
     Lines lines;
     for (const auto& message : messages) {
-        Lines logged = Logged(prefix, message);
-        lines.insert(lines.end(), logged.begin(), logged.end());
+        std::string line = prefix + TextForm(message);
+        EXPECT_EQ(line.back(), '\n');
+        line.pop_back();
+        lines.insert(lines.end(), {line, ""});
     }
     return lines;
 }
 
-std::string TextsOf(const std::vector<Message>& messages) {
-    std::string texts;
-    for (const auto& message : messages) texts += TextForm(message);
-    return texts;
-}
-
 Message Record(int32_t category, int32_t log_level = 0, int32_t error_code = 0, int32_t param1 = 0,
                int32_t param2 = 0, int32_t param3 = 0, int32_t param4 = 0) {
-    Message message;
-    message.category = category;
-    message.log_level = log_level;
-    message.error_code = error_code;
-    message.param1 = param1;
-    message.param2 = param2;
-    message.param3 = param3;
-    message.param4 = param4;
-    message.message = "text";
-    return message;
+    return {LOG, category, log_level, error_code, param1, param2, param3, param4, "text"};
 }
 
 Message OfType(int32_t type, Message message) {
@@ -81,8 +46,7 @@ Message OfType(int32_t type, Message message) {
 class MessageHandlerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        fake_ubo::Reset();
-        fake_ubo::SetActive(1);
+        StartOver();
         ubo_wrapper_->session = fake_ubo::Session(1);
         handlers_.push_back(std::make_unique<CameraMessageHandler>(ubo_wrapper_, cache_));
         handlers_.push_back(std::make_unique<LinuxOsMessageHandler>(ubo_wrapper_, cache_));
@@ -173,46 +137,35 @@ TEST_F(MessageHandlerTest, ActiveServiceGetsEveryEventWithAllFields) {
         EXPECT_EQ(calls[1].source, "tavi");
         EXPECT_EQ(calls[1].probe, c.probe);
         EXPECT_EQ(Hex(calls[1].payload), c.hex) << c.probe;
-        EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", c.message));
+        EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", {c.message}));
         EXPECT_EQ(log_.Texts().size(), 2u);
         EXPECT_EQ(Cached().size(), 0u);
     }
 }
 
-TEST_F(MessageHandlerTest, RecordWithoutEventIsDroppedWhileActive) {
-    const Message cases[] = {
-            Record(1, 1, 1, 2, 3, 4, 5), Record(2, 1, 1002), Record(2, 1, 0),
-            Record(4, 1, 2999),          Record(4, 1, 3005),
-    };
-    for (const auto& message : cases) {
-        StartOver();
-        Deliver(message);
-        EXPECT_EQ(log_.Texts(ERROR), Logged("Failed to pack the massage: ", message));
-        EXPECT_EQ(log_.Texts().size(), 2u);
-        EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 0u);
-        EXPECT_EQ(Cached().size(), 0u);
-    }
-}
-
+// Records without an event are cached like any other while the service is inactive (an
+// answer below 1), and dropped with an error once it is active.
 TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
     const std::vector<Message> records = {
-            Record(1, 0, 0),    Record(2, 1, 1002),    Record(3, 2, 2000, 1),
-            Record(4, 1, 3005), Record(4, 1, 3001, 1),
+            Record(1, 1, 1, 2, 3, 4, 5), Record(2, 1, 1002), Record(3, 2, 2000, 1), Record(2, 1, 0),
+            Record(4, 1, 2999),          Record(4, 1, 3005), Record(4, 1, 3001, 1),
     };
-    fake_ubo::QueueActive({0, -1, 0, -7, 0});
+    fake_ubo::QueueActive({0, -1, 0, -7, 0, INT32_MIN, 0});
     for (const auto& message : records) Deliver(message);
     EXPECT_EQ(log_.Texts(INFO), Logged("Store the message in the cache: ", records));
     EXPECT_EQ(log_.Texts().size(), 2 * records.size());
-    EXPECT_EQ(fake_ubo::Calls(Call::kIsActive).size(), 5u);
+    EXPECT_EQ(fake_ubo::Calls(Call::kIsActive).size(), records.size());
     EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 0u);
 
-    // Replayed once the service is up: packable records go out, the others are dropped.
     std::vector<Message> cached = Cached();
-    EXPECT_EQ(TextsOf(cached), TextsOf(records));
+    EXPECT_EQ(testing::TextForms(cached), testing::TextForms(records));
     StartOver();
+    fake_ubo::SetActive(2);  // any positive answer means active
     for (const auto& message : cached) Deliver(message);
     EXPECT_EQ(log_.Texts(ERROR),
-              Logged("Failed to pack the massage: ", {records[0], records[1], records[3]}));
+              Logged("Failed to pack the massage: ",
+                     {records[0], records[1], records[3], records[4], records[5]}));
+    EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", {records[2], records[6]}));
     const auto sent = fake_ubo::Calls(Call::kAddEvent);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0].probe, "TaviDisplayShort");
@@ -220,27 +173,11 @@ TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
     EXPECT_EQ(Cached().size(), 0u);
 }
 
-TEST_F(MessageHandlerTest, ActivityIsAskedAnewForEveryRecord) {
-    const Message display = Record(3, 0, 2000);
-    ubo_wrapper_->session = nullptr;  // not connected yet: inactive, whatever the script says
-    fake_ubo::QueueActive({1, 0, 1});
-    Deliver(display);
-    ubo_wrapper_->session = fake_ubo::Session(2);
-    for (int i = 0; i < 3; ++i) Deliver(display);
-
-    const auto asked = fake_ubo::Calls(Call::kIsActive);
-    ASSERT_EQ(asked.size(), 4u);
-    EXPECT_EQ(asked[0].session, nullptr);
-    EXPECT_EQ(asked[3].session, fake_ubo::Session(2));
-    EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 2u);
-    EXPECT_EQ(Cached().size(), 2u);
-}
-
 TEST_F(MessageHandlerTest, RefusedEventIsLoggedAndLost) {
     const Message display = Record(3, 1, 2000, 1);
     fake_ubo::SetAddEvent(-5);
     Deliver(display);
-    Lines expected = Logged("Send the message to UBO: ", display);
+    Lines expected = Logged("Send the message to UBO: ", {display});
     expected.push_back("ubo_add_event() for TaviDisplayShort probe failed with return code -5");
     EXPECT_EQ(log_.Texts(), expected);
     EXPECT_EQ(log_.Texts(ERROR), Lines{expected.back()});

@@ -1,11 +1,12 @@
 #include "message_listener.h"
 
-#include <dirent.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,31 +29,25 @@ using testing::SysfsEmulator;
 // process so the test runner keeps its own signal handling. The child's failures are
 // collected and printed to stderr, where the parent's report shows them.
 void RunInChild(const std::function<void()>& body) {
-    EXPECT_EXIT(
-            {
-                ::testing::TestPartResultArray failures;
-                {
-                    ::testing::ScopedFakeTestPartResultReporter reporter(
-                            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS,
-                            &failures);
-                    body();
-                }
-                for (int i = 0; i < failures.size(); ++i) {
-                    const auto& failure = failures.GetTestPartResult(i);
-                    fprintf(stderr, "%s:%d: %s\n", failure.file_name(), failure.line_number(),
-                            failure.message());
-                }
-                std::exit(failures.size() == 0 ? 0 : 1);
-            },
-            ::testing::ExitedWithCode(0), "");
+    auto child = [&body] {
+        ::testing::TestPartResultArray failures;
+        {
+            ::testing::ScopedFakeTestPartResultReporter reporter(
+                    ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &failures);
+            body();
+        }
+        for (int i = 0; i < failures.size(); ++i) {
+            const auto& failure = failures.GetTestPartResult(i);
+            fprintf(stderr, "%s:%d: %s\n", failure.file_name(), failure.line_number(),
+                    failure.message());
+        }
+        std::exit(failures.size() == 0 ? 0 : 1);
+    };
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
 }
 
 size_t OpenDescriptorCount() {
-    size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-    return count;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 int FindDescriptorOf(const std::string& path) {
@@ -89,36 +84,26 @@ bool AcceptAll(const std::string&, Message&) {
     return true;
 }
 
-TEST(MessageListenerSetupTest, CountMismatchOpensNothing) {
-    LogCapture logs;
-    MessageListener listener;
-    size_t before = OpenDescriptorCount();
-    EXPECT_FALSE(listener.Setup({"/dev/null", "/dev/null"}, {AcceptAll}));
-    EXPECT_EQ(OpenDescriptorCount(), before);
-    EXPECT_EQ(logs.Texts(android::base::ERROR),
-              std::vector<std::string>{
-                      "The number of sysfs paths and sysfs callbacks does not match"});
-}
-
-TEST(MessageListenerSetupTest, MissingPathClosesWhatThisCallOpened) {
-    LogCapture logs;
-    MessageListener listener;
-    size_t before = OpenDescriptorCount();
-    EXPECT_FALSE(listener.Setup({"/dev/null", "/nonexistent/tavi/log"}, {AcceptAll, AcceptAll}));
-    EXPECT_EQ(OpenDescriptorCount(), before);
-    EXPECT_EQ(logs.Texts(android::base::ERROR),
-              std::vector<std::string>{"Could not open /nonexistent/tavi/log"});
-}
-
-TEST(MessageListenerSetupTest, SecondSetupReplacesTheFirstDescriptors) {
-    RunInChild([&] {
+// A failed Setup leaves no descriptor open, the first path's included.
+TEST(MessageListenerSetupTest, FailureOpensNothing) {
+    const struct {
+        std::vector<std::string> paths;
+        size_t callbacks;
+        std::string error;
+    } cases[] = {
+            {{"/dev/null", "/dev/null"},
+             1,
+             "The number of sysfs paths and sysfs callbacks does not match"},
+            {{"/dev/null", "/nonexistent/tavi/log"}, 2, "Could not open /nonexistent/tavi/log"},
+    };
+    for (const auto& c : cases) {
+        LogCapture logs;
         MessageListener listener;
-        size_t before = OpenDescriptorCount();
-        ASSERT_TRUE(listener.Setup({"/dev/null", "/dev/zero"}, {AcceptAll, AcceptAll}));
-        EXPECT_EQ(OpenDescriptorCount(), before + 5);  // two files, signalfd, two pipe ends
-        ASSERT_TRUE(listener.Setup({"/dev/null"}, {AcceptAll}));
-        EXPECT_EQ(OpenDescriptorCount(), before + 4);
-    });
+        const size_t before = OpenDescriptorCount();
+        EXPECT_FALSE(listener.Setup(c.paths, std::vector<SysfsCallback>(c.callbacks, AcceptAll)));
+        EXPECT_EQ(OpenDescriptorCount(), before);
+        EXPECT_EQ(logs.Texts(android::base::ERROR), std::vector<std::string>{c.error});
+    }
 }
 
 TEST(MessageListenerInterruptTest, WithoutSetupFailsWithEbadf) {

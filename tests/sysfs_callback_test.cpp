@@ -6,28 +6,25 @@
 #include <cstdlib>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 
 #include "log_capture.h"
+#include "test_helpers.h"
 
 namespace vendor::vesk::tavi {
 namespace {
 
 using namespace std::string_literals;
 using Fields = std::array<int32_t, 7>;
+using testing::RunUncaught;
+using testing::TextForm;
 
 Fields FieldsOf(const Message& m) {
     return {m.category, m.log_level, m.error_code, m.param1, m.param2, m.param3, m.param4};
-}
-
-std::string TextForm(const Message& message) {
-    std::ostringstream os;
-    os << message;
-    return os.str();
 }
 
 TEST(ParseSysfsLogValue, AcceptsWellFormedRecords) {
@@ -53,15 +50,6 @@ TEST(ParseSysfsLogValue, AcceptsWellFormedRecords) {
         EXPECT_EQ(message.message, "kept");
         EXPECT_TRUE(log.Lines().empty());
     }
-}
-
-// The logger receives a message holding line feeds as one line per piece; joining them
-// gives back the text that was logged.
-std::string JoinedErrorLines(const testing::LogCapture& log) {
-    const std::vector<std::string> lines = log.Texts(android::base::ERROR);
-    std::string joined;
-    for (size_t i = 0; i < lines.size(); ++i) joined += (i == 0 ? "" : "\n") + lines[i];
-    return joined;
 }
 
 TEST(ParseSysfsLogValue, RejectsMalformedRecordsWithOneErrorMessage) {
@@ -101,16 +89,11 @@ TEST(ParseSysfsLogValue, RejectsMalformedRecordsWithOneErrorMessage) {
         const std::string before = TextForm(message);
         EXPECT_FALSE(ParseSysfsLogValue(text, message));
         EXPECT_EQ(TextForm(message), before);
-        EXPECT_EQ(JoinedErrorLines(log), "Failed to parse the string for MessageType LOG: " + text);
+        // The logger gets a text holding line feeds as one line per piece.
+        EXPECT_EQ(android::base::Join(log.Texts(android::base::ERROR), '\n'),
+                  "Failed to parse the string for MessageType LOG: " + text);
         EXPECT_EQ(log.Texts(android::base::ERROR).size(), log.Lines().size());
     }
-}
-
-// The death-test macro catches exceptions itself; a noexcept frame lets the conversion's
-// error end the process the way it does in the daemon, where nothing catches it.
-template <typename Function>
-void RunUncaught(Function function) noexcept {
-    function();
 }
 
 TEST(ParseSysfsLogValueDeathTest, OutOfRangeFieldEndsTheProcess) {
@@ -127,78 +110,58 @@ TEST(ParseSysfsLogValueDeathTest, OutOfRangeFieldEndsTheProcess) {
     }
 }
 
-// Lines near the boundary of the record format: single and double edits of valid lines, and
-// lines assembled from odd fields, separators and endings. Deterministic for a given seed.
-class RecordCorpus {
-  public:
-    std::vector<std::string> Build() {
-        const std::string bases[] = {"1,2,3,4,5,6,7\n", "2,3,1001,-1,0,17,5\n",
-                                     "007,0,00,-0,-00,2147483647,-2147483648\n"};
-        for (const std::string& base : bases) {
-            for (const std::string& edited : SingleEdits(base)) {
-                corpus_.push_back(edited);
-                for (int i = 0; i < 8; ++i) corpus_.push_back(RandomEdit(edited));
+// Deletes (kind 0), inserts (1) or replaces (2) the byte at `pos`; no deletion or
+// replacement past the end.
+std::string Edit(std::string line, unsigned kind, size_t pos, char c) {
+    if (kind == 1) return line.insert(pos, 1, c);
+    if (pos >= line.size()) return line;
+    if (kind == 0) return line.erase(pos, 1);
+    line[pos] = c;
+    return line;
+}
+
+// Lines near the boundary of the record format: every single edit of valid lines, each also
+// with random second edits, and lines assembled from odd fields, separators and endings.
+// Deterministic for a given seed.
+std::vector<std::string> RecordCorpus() {
+    const std::string alphabet = "09-+, \n\r\0a"s;
+    std::mt19937 rng(7340033);
+    std::vector<std::string> corpus;
+    for (const std::string& base : {"1,2,3,4,5,6,7\n"s, "2,3,1001,-1,0,17,5\n"s,
+                                    "007,0,00,-0,-00,2147483647,-2147483648\n"s}) {
+        for (size_t pos = 0; pos <= base.size(); ++pos) {
+            for (unsigned kind = 0; kind < 3; ++kind) {
+                for (char c : kind == 0 ? "x"s : alphabet) {
+                    const std::string edited = Edit(base, kind, pos, c);
+                    corpus.push_back(edited);
+                    for (int i = 0; i < 8; ++i) {
+                        const unsigned second_kind = rng() % 3;
+                        const size_t second_pos = rng() % (edited.size() + 1);
+                        corpus.push_back(Edit(edited, second_kind, second_pos,
+                                              alphabet[rng() % alphabet.size()]));
+                    }
+                }
             }
         }
-        for (int i = 0; i < 20000; ++i) corpus_.push_back(Assembled());
-        return std::move(corpus_);
     }
-
-  private:
-    const std::string alphabet_ = "09-+, \n\r\0a"s;
-
-    std::vector<std::string> SingleEdits(const std::string& line) const {
-        std::vector<std::string> edits;
-        for (size_t pos = 0; pos <= line.size(); ++pos) {
-            if (pos < line.size()) edits.push_back(line.substr(0, pos) + line.substr(pos + 1));
-            for (char c : alphabet_) {
-                edits.push_back(line.substr(0, pos) + c + line.substr(pos));
-                if (pos < line.size())
-                    edits.push_back(line.substr(0, pos) + c + line.substr(pos + 1));
-            }
-        }
-        return edits;
+    const std::vector<std::string> fields = {
+            "0",  "7",   "007",  "-0", "-1",   "123456", "2147483647", "-2147483648",
+            "",   "-",   "+1",   " 1", "1 ",   "--1",    "1-",         "1a",
+            "\r", "\n1", "1\0"s, "00", "-007", "9",      "42",         "3001"};
+    const std::vector<std::string> separators = {",", ",", ",", ",", ",,", ";", ", "};
+    const std::vector<std::string> endings = {"\n",   "\n",  "\n",  "",      "\n\n", "\r\n",
+                                              "\n\r", "\n ", "\0"s, "\n\0"s, ",\n"};
+    auto pick = [&rng](const std::vector<std::string>& options) {
+        return options[rng() % options.size()];
+    };
+    for (int i = 0; i < 20000; ++i) {
+        const size_t count = std::vector<size_t>{5, 6, 7, 7, 7, 7, 8, 9}[rng() % 8];
+        std::string line = pick(fields);
+        for (size_t j = 1; j < count; ++j) line += pick(separators) + pick(fields);
+        corpus.push_back(line + pick(endings));
     }
-
-    std::string RandomEdit(std::string line) {
-        const size_t pos = rng_() % (line.size() + 1);
-        const char c = alphabet_[rng_() % alphabet_.size()];
-        switch (rng_() % 3) {
-            case 0:
-                return line.insert(pos, 1, c);
-            case 1:
-                if (pos < line.size()) return line.erase(pos, 1);
-                return line;
-            default:
-                if (pos < line.size()) line[pos] = c;
-                return line;
-        }
-    }
-
-    std::string Pick(const std::vector<std::string>& options) {
-        return options[rng_() % options.size()];
-    }
-
-    std::string Assembled() {
-        static const std::vector<std::string> kFields = {
-                "0",  "7",   "007",  "-0", "-1",   "123456", "2147483647", "-2147483648",
-                "",   "-",   "+1",   " 1", "1 ",   "--1",    "1-",         "1a",
-                "\r", "\n1", "1\0"s, "00", "-007", "9",      "42",         "3001"};
-        static const std::vector<std::string> kSeparators = {",", ",", ",", ",", ",,", ";", ", "};
-        static const std::vector<std::string> kEndings = {
-                "\n", "\n", "\n", "", "\n\n", "\r\n", "\n\r", "\n ", "\0"s, "\n\0"s, ",\n"};
-        const size_t count = std::vector<size_t>{5, 6, 7, 7, 7, 7, 8, 9}[rng_() % 8];
-        std::string line;
-        for (size_t i = 0; i < count; ++i) {
-            if (i > 0) line += Pick(kSeparators);
-            line += Pick(kFields);
-        }
-        return line + Pick(kEndings);
-    }
-
-    std::mt19937 rng_{7340033};
-    std::vector<std::string> corpus_;
-};
+    return corpus;
+}
 
 // Converting a group outside int32 would end the process; such lines are left out.
 bool FitsInt32(const std::string& group) {
@@ -209,7 +172,7 @@ bool FitsInt32(const std::string& group) {
 
 TEST(ParseSysfsLogValue, AgreesWithTheRegularExpression) {
     const std::regex pattern(R"(^(\d+),(\d+),(\d+),(-?\d+),(-?\d+),(-?\d+),(-?\d+)\n$)");
-    const std::vector<std::string> corpus = RecordCorpus().Build();
+    const std::vector<std::string> corpus = RecordCorpus();
     testing::LogCapture log;
     size_t accepted = 0, rejected = 0;
     for (const std::string& text : corpus) {

@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <cstring>
 #include <thread>
-#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/parseint.h>
@@ -24,47 +23,37 @@ extern char** environ;
 namespace vendor::vesk::tavi::testing {
 namespace {
 
-using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
 
-constexpr milliseconds kMountTimeout(5000);
-constexpr milliseconds kExitTimeout(3000);
-constexpr milliseconds kPollInterval(2);
+#ifdef TAVI_SYSFS_EMU_PATH
+constexpr char kBinary[] = TAVI_SYSFS_EMU_PATH;
+#else
+constexpr char kBinary[] = "";
+#endif
 
-std::string ErrnoText(const std::string& call) {
-    return call + ": " + strerror(errno);
+template <typename Condition>
+bool WaitFor(Condition condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
 }
 
-std::string CheckBinary(const std::string& binary) {
-    if (binary.empty()) return "this build has no tavi_sysfs_emu binary";
-    if (access(binary.c_str(), X_OK) != 0) return ErrnoText("tavi_sysfs_emu binary " + binary);
-    return "";
+std::string ErrnoText(const std::string& what) {
+    return what + ": " + strerror(errno);
 }
 
 std::string ProbeAvailability() {
     if (geteuid() != 0) return "mounting the sysfs emulator (FUSE) needs root";
     android::base::unique_fd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
     if (!fuse.ok()) return ErrnoText("/dev/fuse");
-    if (std::string missing = CheckBinary(SysfsEmulator::DefaultBinary()); !missing.empty()) {
-        return missing;
-    }
     SysfsEmulator trial;
     if (std::string failure = trial.Start(); !failure.empty()) {
         return "the sysfs emulator did not mount: " + failure;
     }
     return "";
-}
-
-bool IsMountedOver(const std::string& file, const std::string& parent) {
-    struct stat file_status, parent_status;
-    return stat(file.c_str(), &file_status) == 0 && stat(parent.c_str(), &parent_status) == 0 &&
-           file_status.st_dev != parent_status.st_dev;
-}
-
-std::string ExitText(int status) {
-    if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
-    if (WIFSIGNALED(status)) return std::string("signal ") + strsignal(WTERMSIG(status));
-    return "status " + std::to_string(status);
 }
 
 }  // namespace
@@ -74,28 +63,27 @@ std::string SysfsEmulator::Availability() {
     return reason;
 }
 
-std::string SysfsEmulator::DefaultBinary() {
-#ifdef TAVI_SYSFS_EMU_PATH
-    return TAVI_SYSFS_EMU_PATH;
-#else
-    return "";
-#endif
-}
-
-SysfsEmulator::SysfsEmulator(std::string binary) : binary_(std::move(binary)) {}
-
-SysfsEmulator::~SysfsEmulator() {
-    Stop();
-}
-
 std::string SysfsEmulator::Start() {
-    if (Running()) return "already running on " + mount_point_;
-    if (std::string missing = CheckBinary(binary_); !missing.empty()) return missing;
-    std::string mount_point_template = "/tmp/tavi_sysfs_emu.XXXXXX";
-    if (mkdtemp(mount_point_template.data()) == nullptr) return ErrnoText("mkdtemp()");
-    mount_point_ = mount_point_template;
+    if (pid_ > 0) return "already running on " + mount_point_;
+    if (kBinary[0] == '\0') return "this build has no tavi_sysfs_emu binary";
+    if (access(kBinary, X_OK) != 0) return ErrnoText(kBinary);
+    std::string mount_point = "/tmp/tavi_sysfs_emu.XXXXXX";
+    if (mkdtemp(mount_point.data()) == nullptr) return ErrnoText("mkdtemp()");
+    mount_point_ = mount_point;
     std::string failure = Spawn();
-    if (failure.empty()) failure = WaitUntilMounted();
+    int status = 0;
+    auto mounted_or_ended = [&] {
+        struct stat log, parent;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) pid_ = -1;
+        return pid_ < 0 ||
+               (stat(LogPath().c_str(), &log) == 0 &&
+                stat((mount_point_ + "/..").c_str(), &parent) == 0 && log.st_dev != parent.st_dev);
+    };
+    if (failure.empty() && !WaitFor(mounted_or_ended, 5s)) {
+        failure = "tavi_sysfs_emu did not mount " + mount_point_;
+    } else if (failure.empty() && pid_ < 0) {
+        failure = "tavi_sysfs_emu ended before mounting, wait status " + std::to_string(status);
+    }
     if (!failure.empty()) Stop();
     return failure;
 }
@@ -111,53 +99,28 @@ std::string SysfsEmulator::Spawn() {
     sigset_t signals;
     sigemptyset(&signals);
     posix_spawnattr_setsigmask(&attributes, &signals);
-    for (int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
-        sigaddset(&signals, signal_number);
-    }
+    for (int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) sigaddset(&signals, signal_number);
     posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
-    std::vector<std::string> arguments = {binary_, "-f", mount_point_};
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    int error = posix_spawn(&pid_, binary_.c_str(), &actions, &attributes, argv.data(), environ);
+    std::string binary = kBinary, foreground = "-f";
+    char* argv[] = {binary.data(), foreground.data(), mount_point_.data(), nullptr};
+    int error = posix_spawn(&pid_, kBinary, &actions, &attributes, argv, environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error == 0) return "";
     pid_ = -1;
-    return "posix_spawn(" + binary_ + "): " + strerror(error);
-}
-
-std::string SysfsEmulator::WaitUntilMounted() {
-    const auto deadline = Clock::now() + kMountTimeout;
-    while (!IsMountedOver(LogPath(), mount_point_ + "/..")) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            return "tavi_sysfs_emu ended before mounting (" + ExitText(status) + ")";
-        }
-        if (Clock::now() > deadline) return "tavi_sysfs_emu did not mount " + mount_point_;
-        std::this_thread::sleep_for(kPollInterval);
-    }
-    return "";
-}
-
-bool SysfsEmulator::WaitForExit(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    do {
-        pid_t reaped = waitpid(pid_, nullptr, WNOHANG);
-        if (reaped == pid_ || (reaped == -1 && errno == ECHILD)) return true;
-        std::this_thread::sleep_for(kPollInterval);
-    } while (Clock::now() < deadline);
-    return false;
+    return "posix_spawn(" + binary + "): " + strerror(error);
 }
 
 void SysfsEmulator::Stop() {
-    if (Running()) {
+    if (pid_ > 0) {
         // SIGTERM makes the emulator leave its session loop and unmount.
         kill(pid_, SIGTERM);
-        if (!WaitForExit(kExitTimeout)) {
+        auto reaped = [this] {
+            pid_t reaped = waitpid(pid_, nullptr, WNOHANG);
+            return reaped == pid_ || (reaped == -1 && errno == ECHILD);
+        };
+        if (!WaitFor(reaped, 3s)) {
             umount2(mount_point_.c_str(), MNT_DETACH);
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
@@ -173,27 +136,23 @@ void SysfsEmulator::Stop() {
 
 bool SysfsEmulator::Inject(const std::string& bytes) const {
     if (bytes.empty()) return false;
-    android::base::unique_fd inject(open(InjectPath().c_str(), O_WRONLY | O_CLOEXEC));
-    if (!inject.ok()) return false;
-    ssize_t written = TEMP_FAILURE_RETRY(write(inject.get(), bytes.data(), bytes.size()));
-    return written == static_cast<ssize_t>(bytes.size());
+    android::base::unique_fd inject(open((mount_point_ + "/inject").c_str(), O_WRONLY | O_CLOEXEC));
+    return inject.ok() && TEMP_FAILURE_RETRY(write(inject.get(), bytes.data(), bytes.size())) ==
+                                  static_cast<ssize_t>(bytes.size());
 }
 
 int SysfsEmulator::PendingCount() const {
     std::string text;
     int count = -1;
-    if (!android::base::ReadFileToString(mount_point_ + "/pending", &text)) return -1;
-    if (!android::base::ParseInt(android::base::Trim(text), &count, 0)) return -1;
+    if (!android::base::ReadFileToString(mount_point_ + "/pending", &text) ||
+        !android::base::ParseInt(android::base::Trim(text), &count, 0)) {
+        return -1;
+    }
     return count;
 }
 
-bool SysfsEmulator::WaitForPendingCount(int count, milliseconds timeout) const {
-    const auto deadline = Clock::now() + timeout;
-    while (PendingCount() != count) {
-        if (Clock::now() > deadline) return false;
-        std::this_thread::sleep_for(kPollInterval);
-    }
-    return true;
+bool SysfsEmulator::WaitForPendingCount(int count, std::chrono::milliseconds timeout) const {
+    return WaitFor([&] { return PendingCount() == count; }, timeout);
 }
 
 }  // namespace vendor::vesk::tavi::testing

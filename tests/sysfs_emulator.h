@@ -7,26 +7,17 @@
 
 namespace vendor::vesk::tavi::testing {
 
-// A live emulated kernel log attribute: runs the tavi_sysfs_emu FUSE file system on a fresh
+// A live emulated kernel log attribute: the tavi_sysfs_emu FUSE file system on a fresh
 // temporary mount point. Its `log` file behaves as the kernel attribute does (one record per
 // read from offset 0, POLLPRI|POLLERR notification); records are queued through `Inject`.
-//
-//     if (std::string reason = SysfsEmulator::Availability(); !reason.empty()) {
-//         GTEST_SKIP() << reason;
-//     }
-//     SysfsEmulator emulator;
-//     ASSERT_EQ(emulator.Start(), "");
-//     emulator.Inject("4,1,3001,1,0,0,0\n");
 class SysfsEmulator {
   public:
-    // Empty when an emulator can be mounted here; otherwise why not (not root, no /dev/fuse,
-    // binary missing, mount failed). The first call mounts a trial emulator; the answer is kept.
+    // Empty when an emulator can be mounted here (not root, no /dev/fuse, no binary, mount
+    // failed); the first call mounts a trial emulator and the answer is kept.
     static std::string Availability();
-    // The emulator binary this build made; empty when the build has none.
-    static std::string DefaultBinary();
 
-    explicit SysfsEmulator(std::string binary = DefaultBinary());
-    ~SysfsEmulator();
+    SysfsEmulator() = default;
+    ~SysfsEmulator() { Stop(); }
     SysfsEmulator(const SysfsEmulator&) = delete;
     SysfsEmulator& operator=(const SysfsEmulator&) = delete;
 
@@ -34,14 +25,10 @@ class SysfsEmulator {
     // the reason (and nothing is left running or mounted).
     std::string Start();
     // Unmounts, reaps the emulator and removes the mount point, within a few seconds even if
-    // the emulator hangs. Safe to call more than once; the destructor calls it.
+    // the emulator hangs. Safe to call more than once.
     void Stop();
-    bool Running() const { return pid_ > 0; }
 
-    const std::string& MountPoint() const { return mount_point_; }
     std::string LogPath() const { return mount_point_ + "/log"; }
-    std::string InjectPath() const { return mount_point_ + "/inject"; }
-
     // Queues `bytes` verbatim as one record with a single write(). An empty record cannot be
     // queued (the kernel sends nothing for a zero-length write): returns false for it.
     bool Inject(const std::string& bytes) const;
@@ -52,10 +39,7 @@ class SysfsEmulator {
 
   private:
     std::string Spawn();
-    std::string WaitUntilMounted();
-    bool WaitForExit(std::chrono::milliseconds timeout);
 
-    std::string binary_;
     std::string mount_point_;
     pid_t pid_ = -1;
 };

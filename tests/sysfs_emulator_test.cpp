@@ -21,8 +21,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kCapacity = 4096;  // records the emulator's queue holds
-
 class SysfsEmulatorTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -46,7 +44,7 @@ class SysfsEmulatorTest : public ::testing::Test {
     // offset 0, rewinding after each record, until a read yields nothing. Bounded, so that an
     // attribute replaying a cached record fails the test instead of looping.
     std::vector<std::string> Drain() {
-        constexpr size_t kMaxRecords = 2 * kCapacity;
+        constexpr size_t kMaxRecords = 10000;
         std::vector<std::string> records;
         std::string buffer(getpagesize(), '\0');
         ssize_t size;
@@ -65,13 +63,9 @@ class SysfsEmulatorTest : public ::testing::Test {
     android::base::unique_fd log_;
 };
 
-TEST_F(SysfsEmulatorTest, PollWaitsWhileNothingIsPending) {
-    EXPECT_EQ(PollLog(50), 0);
-    EXPECT_EQ(emulator_.PendingCount(), 0);
-    EXPECT_TRUE(Drain().empty());
-}
-
 TEST_F(SysfsEmulatorTest, InjectionWakesAWaitingPoll) {
+    EXPECT_EQ(PollLog(50), 0);
+    EXPECT_TRUE(Drain().empty());
     const auto start = Clock::now();
     std::thread injector([this] {
         std::this_thread::sleep_for(100ms);
@@ -130,36 +124,6 @@ TEST_F(SysfsEmulatorTest, ReadSizeAndOffset) {
         EXPECT_EQ(emulator_.PendingCount(), test.pending_after);
         Drain();
     }
-}
-
-TEST_F(SysfsEmulatorTest, FilesRefuseAccessModesTheyDoNotOffer) {
-    struct Case {
-        std::string path;
-        int flags;
-        bool opens;
-    };
-    const Case cases[] = {
-            {emulator_.LogPath(), O_RDONLY, true},     {emulator_.LogPath(), O_WRONLY, false},
-            {emulator_.LogPath(), O_RDWR, false},      {emulator_.InjectPath(), O_WRONLY, true},
-            {emulator_.InjectPath(), O_RDONLY, false},
-    };
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.path + " flags " + std::to_string(test.flags));
-        android::base::unique_fd fd(open(test.path.c_str(), test.flags | O_CLOEXEC));
-        EXPECT_EQ(fd.ok(), test.opens);
-        if (!test.opens) {
-            EXPECT_EQ(errno, EACCES);
-        }
-    }
-}
-
-TEST_F(SysfsEmulatorTest, FullQueueDropsNewRecords) {
-    for (size_t i = 0; i <= kCapacity; ++i) ASSERT_TRUE(emulator_.Inject(std::to_string(i)));
-    EXPECT_EQ(emulator_.PendingCount(), static_cast<int>(kCapacity));
-    std::vector<std::string> records = Drain();
-    ASSERT_EQ(records.size(), kCapacity);
-    EXPECT_EQ(records.front(), "0");
-    EXPECT_EQ(records.back(), std::to_string(kCapacity - 1));
 }
 
 }  // namespace

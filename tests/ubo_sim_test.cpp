@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <iterator>
 #include <string>
@@ -56,10 +55,11 @@ int WaitForExit(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// "0801": as the service logs payloads.
 std::vector<uint8_t> Bytes(const std::string& hex) {
     std::vector<uint8_t> bytes;
-    for (const std::string& byte : android::base::Split(hex, " ")) {
-        bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
     }
     return bytes;
 }
@@ -148,7 +148,7 @@ TEST_F(UboSimTest, BecomesActiveAfterDelay) {
 
 TEST_F(UboSimTest, AddEventReturnsConfiguredCode) {
     StartSimulator({"--active"});
-    const std::vector<uint8_t> event = Bytes("08 01 10 B9 17 18 01");
+    const std::vector<uint8_t> event = Bytes("080110b9171801");
     struct Step {
         const char* command;
         int32_t code;
@@ -168,12 +168,11 @@ TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
         const char* hex;
         const char* fields;
     } events[] = {
-            {"TaviChargerDetectSocFreeze",
-             "08 02 10 BA 17 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02 30 01",
+            {"TaviChargerDetectSocFreeze", "080210ba1718ffffffffffffffffff01200028ac023001",
              R"("fields":{"log_level":2,"error_code":3002,"param1":-1,"param2":0,"param3":300,"param4":true})"},
-            {"TaviDisplayShort", "08 07 10 D0 0F 18 00",
+            {"TaviDisplayShort", "080710d00f1800",
              R"("fields":{"log_level":7,"error_code":2000,"param1":false})"},
-            {"TaviLinuxOsMessage", "08 01 10 E8 07 18 05 18 7B 30 02",
+            {"TaviLinuxOsMessage", "080110e8071805187b3002",
              R"("fields":{"log_level":1,"error_code":1000,"params":[5,123],"6":2})"},
     };
     for (const Event& event : events) EXPECT_EQ(Send(event.probe, Bytes(event.hex)), 0);
@@ -190,9 +189,7 @@ TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
         EXPECT_NE(line.find(R"("seq":)" + std::to_string(i + 1) + R"(,"session":1)"), npos);
         EXPECT_NE(line.find(std::string(R"("probe":")") + events[i].probe + R"(")"), npos);
         EXPECT_NE(line.find(events[i].fields), npos) << line;
-        std::string hex = android::base::Join(android::base::Split(events[i].hex, " "), "");
-        std::transform(hex.begin(), hex.end(), hex.begin(), ::tolower);
-        EXPECT_NE(line.find(R"("payload_hex":")" + hex + R"(")"), npos);
+        EXPECT_NE(line.find(R"("payload_hex":")" + std::string(events[i].hex) + R"(")"), npos);
     }
     EXPECT_NE(lines[5].find(R"("kind":"session_destroyed")"), npos);
     EXPECT_NE(lines[5].find(R"("session":1)"), npos);
@@ -202,7 +199,7 @@ TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
 
 TEST_F(UboSimTest, ConcurrentCallsKeepTheSessionInStep) {
     StartSimulator({"--active", "--fail", "-7"});
-    const std::vector<uint8_t> event = Bytes("08 00 10 D0 0F 18 00");
+    const std::vector<uint8_t> event = Bytes("080010d00f1800");
     int wrong_codes = 0;
     std::thread sender([&] {
         for (int i = 0; i < 200; ++i) wrong_codes += Send("TaviDisplayShort", event) != -7;
@@ -227,7 +224,7 @@ TEST_F(UboSimTest, RefusedOrVanishedServiceFailsCleanly) {
     EXPECT_NE(access(socket_.c_str(), F_OK), 0);
     EXPECT_NE(access((dir_ + "/control.sock").c_str(), F_OK), 0);
     EXPECT_EQ(ubo_is_active(session_), -1);
-    EXPECT_LT(Send("TaviDisplayShort", Bytes("08 00 10 D0 0F 18 00")), 0);
+    EXPECT_LT(Send("TaviDisplayShort", Bytes("080010d00f1800")), 0);
 }
 
 }  // namespace

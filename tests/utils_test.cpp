@@ -1,6 +1,5 @@
 #include "utils.h"
 
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -89,36 +88,23 @@ TEST(IsInteger, AgreesWithTheRegularExpression) {
     EXPECT_GT(accepted, 2000u);
 }
 
-class FileExistTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
-        ASSERT_TRUE(android::base::WriteStringToFile("x", Path("file")));
-        ASSERT_EQ(mkdir(Path("dir").c_str(), 0700), 0);
-        ASSERT_EQ(symlink(Path("file").c_str(), Path("link").c_str()), 0);
-        ASSERT_EQ(symlink(Path("gone").c_str(), Path("dangling").c_str()), 0);
-        ASSERT_EQ(symlink(Path("dir").c_str(), Path("dirlink").c_str()), 0);
+TEST(FileExist, TrueOnlyForRegularFiles) {
+    TemporaryDir dir;
+    auto path = [&dir](const std::string& name) { return std::string(dir.path) + "/" + name; };
+    ASSERT_TRUE(android::base::WriteStringToFile("x", path("file")));
+    ASSERT_EQ(mkdir(path("dir").c_str(), 0700), 0);
+    for (const char* name : {"file", "gone", "dir"}) {
+        ASSERT_EQ(symlink(path(name).c_str(), (path(name) + "link").c_str()), 0);
     }
-    void TearDown() override {
-        for (const char* name : {"file", "link", "dangling", "dirlink"}) unlink(Path(name).c_str());
-        rmdir(Path("dir").c_str());
-        rmdir(dir_.c_str());
-    }
-    std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-
-    std::string dir_ = ::testing::TempDir() + "file_exist_XXXXXX";
-};
-
-TEST_F(FileExistTest, TrueOnlyForRegularFiles) {
     const struct {
         std::string path;
         bool exists;
     } cases[] = {
-            {Path("file"), true},      {Path("link"), true},
-            {Path("dir"), false},      {Path("dirlink"), false},
-            {Path("dangling"), false}, {Path("missing"), false},
+            {path("file"), true},      {path("filelink"), true},
+            {path("dir"), false},      {path("dirlink"), false},
+            {path("gonelink"), false}, {path("missing"), false},
             {"/dev/null", false},      {"", false},
-            {Path("file/sub"), false},
+            {path("file/sub"), false},
     };
     for (const auto& c : cases) EXPECT_EQ(FileExist(c.path), c.exists) << c.path;
 }
