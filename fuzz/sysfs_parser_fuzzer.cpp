@@ -1,0 +1,126 @@
+// Kernel line parser against the line format's regular expression as an oracle: both must
+// accept exactly the same texts, an accepted text must give the seven numbers in order, and
+// a rejected one must leave the record alone and log the raw text.
+
+#include <cstddef>
+#include <cstdint>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <android-base/logging.h>
+
+#include "fuzz_support.h"
+#include "message.h"
+#include "sysfs_callback.h"
+
+using vendor::vesk::tavi::Message;
+using vendor::vesk::tavi::ParseSysfsLogValue;
+using vendor::vesk::tavi::fuzz::Fail;
+using vendor::vesk::tavi::fuzz::Int32Value;
+using vendor::vesk::tavi::fuzz::SameMessage;
+
+namespace {
+
+constexpr char kLinePattern[] = R"(^(\d+),(\d+),(\d+),(-?\d+),(-?\d+),(-?\d+),(-?\d+)\n$)";
+constexpr char kRejectPrefix[] = "Failed to parse the string for MessageType LOG: ";
+// The listener never passes more than one page minus the terminating NUL.
+constexpr size_t kMaxRecordSize = 4095;
+
+struct CapturedLog {
+    std::vector<std::string> lines;
+    bool only_errors = true;
+};
+
+CapturedLog& Captured() {
+    static CapturedLog captured;
+    return captured;
+}
+
+void CaptureLogs() {
+    android::base::SetLogger([](android::base::LogId, android::base::LogSeverity severity,
+                                const char*, const char*, unsigned int, const char* text) {
+        Captured().lines.emplace_back(text);
+        if (severity != android::base::ERROR) Captured().only_errors = false;
+    });
+}
+
+// The record a caller hands in, with values the parser must either overwrite or keep.
+Message Sentinel() {
+    Message message;
+    message.type = vendor::vesk::tavi::DEBUG_LOG;
+    message.category = -11;
+    message.log_level = -12;
+    message.error_code = -13;
+    message.param1 = -14;
+    message.param2 = -15;
+    message.param3 = -16;
+    message.param4 = -17;
+    message.message = "kept";
+    return message;
+}
+
+// The logger gets the text line by line, and each line up to a NUL byte.
+std::vector<std::string> ExpectedLines(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    lines.push_back(text.substr(start));
+    for (auto& line : lines) line = line.substr(0, line.find('\0'));
+    return lines;
+}
+
+void CheckAccepted(const std::smatch& groups, const Message& parsed) {
+    if (parsed.type != vendor::vesk::tavi::LOG) Fail("type is not LOG");
+    if (parsed.message != "kept") Fail("text changed");
+    const int32_t fields[] = {parsed.category, parsed.log_level, parsed.error_code, parsed.param1,
+                              parsed.param2,   parsed.param3,    parsed.param4};
+    for (size_t i = 0; i < 7; ++i) {
+        if (fields[i] != *Int32Value(groups[i + 1].str())) Fail("field value differs");
+    }
+    if (!Captured().lines.empty()) Fail("accepted line logged");
+}
+
+void CheckRejected(const std::string& text, const Message& parsed) {
+    if (!SameMessage(parsed, Sentinel())) Fail("rejected line changed the record");
+    if (!Captured().only_errors) Fail("reject logged below ERROR");
+    if (Captured().lines != ExpectedLines(kRejectPrefix + text)) Fail("reject line differs");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    CaptureLogs();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size > kMaxRecordSize) return 0;
+    static const std::regex line_format(kLinePattern);
+    const std::string text(reinterpret_cast<const char*>(data), size);
+
+    std::smatch groups;
+    const bool expected = std::regex_match(text, groups, line_format);
+    if (expected) {
+        for (size_t i = 1; i <= 7; ++i) {
+            if (!Int32Value(groups[i].str())) return 0;  // ends the daemon by design
+        }
+    }
+
+    Captured() = CapturedLog{};
+    Message parsed = Sentinel();
+    const bool accepted = ParseSysfsLogValue(text, parsed);
+    if (accepted != expected) {
+        Fail(accepted ? "accepted a line the format rejects"
+                      : "rejected a line the format accepts");
+    }
+    if (accepted) {
+        CheckAccepted(groups, parsed);
+    } else {
+        CheckRejected(text, parsed);
+    }
+    return 0;
+}
