@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 
 #include <android-base/logging.h>
@@ -18,7 +19,7 @@ using android::base::unique_fd;
 namespace {
 
 // Sysfs attributes announce new data with POLLPRI, or POLLERR once the attribute is gone.
-constexpr short kSysfsEvents = POLLPRI | POLLERR;
+constexpr int16_t kSysfsEvents = POLLPRI | POLLERR;
 
 }  // namespace
 

@@ -25,6 +25,7 @@ constexpr milliseconds kPollInterval(10);
 
 std::vector<char*> CStrings(std::vector<std::string>& strings) {
     std::vector<char*> pointers;
+    pointers.reserve(strings.size() + 1);
     for (std::string& string : strings) pointers.push_back(string.data());
     pointers.push_back(nullptr);
     return pointers;
@@ -49,8 +50,8 @@ pid_t Spawn(std::vector<std::string> args, std::vector<std::string> env,
     dup2(output.get(), STDERR_FILENO);
     const rlimit no_core = {0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    signal(SIGINT, SIG_DFL);
-    signal(SIGTERM, SIG_DFL);
+    (void)signal(SIGINT, SIG_DFL);
+    (void)signal(SIGTERM, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);

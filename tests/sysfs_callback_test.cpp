@@ -166,7 +166,7 @@ std::vector<std::string> RecordCorpus() {
 // Converting a group outside int32 would end the process; such lines are left out.
 bool FitsInt32(const std::string& group) {
     errno = 0;
-    const long long value = std::strtoll(group.c_str(), nullptr, 10);
+    const int64_t value = std::strtoll(group.c_str(), nullptr, 10);
     return errno == 0 && value >= INT32_MIN && value <= INT32_MAX;
 }
 

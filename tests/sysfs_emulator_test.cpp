@@ -33,7 +33,7 @@ class SysfsEmulatorTest : public ::testing::Test {
     }
 
     // Polls the log as the listener does; returns poll()'s result and the events seen.
-    int PollLog(int timeout_ms, short* revents = nullptr) {
+    int PollLog(int timeout_ms, int16_t* revents = nullptr) {
         pollfd entry = {log_.get(), POLLPRI | POLLERR, 0};
         int ready = poll(&entry, 1, timeout_ms);
         if (revents != nullptr) *revents = entry.revents;
@@ -71,7 +71,7 @@ TEST_F(SysfsEmulatorTest, InjectionWakesAWaitingPoll) {
         std::this_thread::sleep_for(100ms);
         EXPECT_TRUE(emulator_.Inject("4,1,3001,1,0,0,0\n"));
     });
-    short revents = 0;
+    int16_t revents = 0;
     EXPECT_EQ(PollLog(5000, &revents), 1);
     const auto waited = Clock::now() - start;
     injector.join();

@@ -18,6 +18,7 @@ inline std::string TextForm(const Message& message) {
 // Compared through the text form so that a mismatch shows every field.
 inline std::vector<std::string> TextForms(const std::vector<Message>& messages) {
     std::vector<std::string> texts;
+    texts.reserve(messages.size());
     for (const auto& message : messages) texts.push_back(TextForm(message));
     return texts;
 }
@@ -27,7 +28,7 @@ inline std::string Hex(const std::string& bytes) {
     std::string hex;
     for (unsigned char byte : bytes) {
         char digits[4];
-        snprintf(digits, sizeof(digits), "%s%02X", hex.empty() ? "" : " ", byte);
+        (void)snprintf(digits, sizeof(digits), "%s%02X", hex.empty() ? "" : " ", byte);
         hex += digits;
     }
     return hex;

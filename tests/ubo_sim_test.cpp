@@ -37,6 +37,7 @@ bool Eventually(Condition condition) {
 
 pid_t Spawn(const std::vector<std::string>& args, const std::string& stdout_path) {
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;

@@ -285,11 +285,7 @@ int Serve(fuse_args* args, const char* mountpoint, bool foreground) {
     return status;
 }
 
-}  // namespace
-}  // namespace vendor::vesk::tavi::sim
-
-int main(int argc, char** argv) {
-    using namespace vendor::vesk::tavi::sim;
+int Main(int argc, char** argv) {
     android::base::InitLogging(argv, &android::base::StderrLogger);
     UnblockStopSignals();
 
@@ -311,4 +307,11 @@ int main(int argc, char** argv) {
     }
     fuse_opt_free_args(&args);
     return status;
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi::sim
+
+int main(int argc, char** argv) {
+    return vendor::vesk::tavi::sim::Main(argc, argv);
 }

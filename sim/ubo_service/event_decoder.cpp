@@ -69,7 +69,7 @@ struct Rendered {
     std::string text;
 };
 
-Rendered Same(std::string value) {
+Rendered Same(const std::string& value) {
     return {value, value};
 }
 

@@ -38,7 +38,7 @@ constexpr int kEventsPerWait = 16;
 void Say(const std::string& line) {
     fputs(line.c_str(), stdout);
     fputc('\n', stdout);
-    fflush(stdout);
+    (void)fflush(stdout);  // a lost progress line is no reason to stop serving
 }
 
 bool ToAddress(const std::string& path, sockaddr_un* address) {
@@ -120,7 +120,8 @@ unique_fd ArmTimer(double seconds) {
     }
     itimerspec expiry{};
     expiry.it_value.tv_sec = static_cast<time_t>(floor(seconds));
-    expiry.it_value.tv_nsec = static_cast<long>((seconds - floor(seconds)) * 1e9);
+    expiry.it_value.tv_nsec =
+            static_cast<decltype(expiry.it_value.tv_nsec)>((seconds - floor(seconds)) * 1e9);
     // An all-zero value would disarm the timer instead of firing at once.
     if (expiry.it_value.tv_sec == 0 && expiry.it_value.tv_nsec == 0) expiry.it_value.tv_nsec = 1;
     if (timerfd_settime(fd, 0, &expiry, nullptr) < 0) {
@@ -175,7 +176,7 @@ bool Simulator::Start() {
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);  // a vanished client shows up as EPIPE instead
     signal_fd_.reset(signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC));
     if (signal_fd_ < 0) {
         PLOG(ERROR) << "signalfd() failed";

@@ -54,7 +54,7 @@ unique_fd Connect(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN);
+    (void)signal(SIGPIPE, SIG_IGN);
     std::string control_path = protocol::ControlSocketPath();
     int first = 1;
     while (first + 1 < argc && argv[first][0] == '-') {
