@@ -1,11 +1,9 @@
 // A whole cache file: Load must delete it, keep at most the capacity, in file order, exactly
 // the entries that read as records; what it keeps must survive Save and a second Load.
 
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,32 +30,11 @@ namespace {
 
 constexpr uint32_t kCapacity = 128;
 
-// The cache file's folder, made once per process and removed at its exit.
-class CacheDir {
-  public:
-    CacheDir() {
-        char dir[] = "/tmp/tavi_cache_fuzz.XXXXXX";
-        if (mkdtemp(dir) == nullptr) Fail("mkdtemp");
-        dir_ = dir;
-        path_ = dir_ + "/cache.bin";
-    }
-    ~CacheDir() {
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
-    }
-    CacheDir(const CacheDir&) = delete;
-    CacheDir& operator=(const CacheDir&) = delete;
-
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string dir_;
-    std::string path_;
-};
-
+// The cache file's folder, made once per process and removed with its contents at exit.
 const std::string& CachePath() {
-    static const CacheDir dir;
-    return dir.path();
+    static const TemporaryDir dir;
+    static const std::string path = std::string(dir.path) + "/cache.bin";
+    return path;
 }
 
 // The records Load should keep, or false when one of them would end the process.
@@ -72,11 +49,7 @@ bool ExpectedRecords(std::string_view content, std::vector<Message>& records) {
 }
 
 bool SameMessages(const std::vector<Message>& a, const std::vector<Message>& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (!SameMessage(a[i], b[i])) return false;
-    }
-    return true;
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), SameMessage);
 }
 
 std::vector<Message> LoadAll(const std::string& content) {

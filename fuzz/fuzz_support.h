@@ -1,9 +1,7 @@
 #pragma once
 
-// Helpers shared by the fuzz targets: a silent logger, and independent readers of the two
-// text formats that tell which inputs hold a number outside the signed 32-bit range. Such a
-// number ends the daemon through the conversion's own error, by design, so the targets keep
-// those inputs away from the code under test.
+// Independent readers of the two text formats. A number outside int32 ends the daemon by
+// design (the conversion's own error), so the targets keep such inputs away from it.
 
 #include <cstdint>
 #include <cstdio>
@@ -19,7 +17,6 @@
 
 namespace vendor::vesk::tavi::fuzz {
 
-// Log lines cost time and fill the terminal; the targets check results, not lines.
 inline void SilenceLogs() {
     android::base::SetLogger([](android::base::LogId, android::base::LogSeverity, const char*,
                                 const char*, unsigned int, const char*) {});
@@ -46,8 +43,7 @@ inline std::optional<int32_t> Int32Value(std::string_view text) {
     return static_cast<int32_t>(value);
 }
 
-// The leading run of digits of `text` (what a base-10 string-to-int takes from a piece that
-// starts with a digit).
+// What a base-10 string-to-int takes from a piece that starts with a digit.
 inline std::string_view LeadingDigits(std::string_view text) {
     size_t end = 0;
     while (end < text.size() && IsAsciiDigit(text[end])) ++end;
@@ -56,11 +52,7 @@ inline std::string_view LeadingDigits(std::string_view text) {
 
 inline bool IsIntegerText(std::string_view text) {
     if (!text.empty() && text[0] == '-') text.remove_prefix(1);
-    if (text.empty()) return false;
-    for (char c : text) {
-        if (!IsAsciiDigit(c)) return false;
-    }
-    return true;
+    return !text.empty() && LeadingDigits(text).size() == text.size();
 }
 
 inline std::vector<std::string_view> SplitView(std::string_view text, std::string_view delimiter) {
@@ -75,12 +67,9 @@ inline std::vector<std::string_view> SplitView(std::string_view text, std::strin
     return pieces;
 }
 
-// What reading one cache record should give, computed independently of the daemon's reader.
 struct RecordReading {
-    // The reader converts a number that does not fit: the input must not reach it.
-    bool out_of_range = false;
-    // Set when the record is accepted.
-    std::optional<Message> message;
+    bool out_of_range = false;       // the input must not reach the daemon's reader
+    std::optional<Message> message;  // set when the record is accepted
 };
 
 // Nine NUL-separated pieces: four that start with a digit (leading digits taken), four
@@ -104,17 +93,15 @@ inline RecordReading ReadRecord(std::string_view record) {
         }
         values[i] = *value;
     }
-    Message message;
-    message.type = static_cast<MessageType>(values[0]);
-    message.category = values[1];
-    message.log_level = values[2];
-    message.error_code = values[3];
-    message.param1 = values[4];
-    message.param2 = values[5];
-    message.param3 = values[6];
-    message.param4 = values[7];
-    message.message = std::string(pieces[8]);
-    reading.message = message;
+    reading.message = Message{static_cast<MessageType>(values[0]),
+                              values[1],
+                              values[2],
+                              values[3],
+                              values[4],
+                              values[5],
+                              values[6],
+                              values[7],
+                              std::string(pieces[8])};
     return reading;
 }
 
@@ -124,7 +111,6 @@ inline bool SameMessage(const Message& a, const Message& b) {
            a.param3 == b.param3 && a.param4 == b.param4 && a.message == b.message;
 }
 
-// A fuzz target's own check failed: stop with a crash that libFuzzer records.
 [[noreturn]] inline void Fail(const char* what) {
     fprintf(stderr, "fuzz check failed: %s\n", what);
     abort();

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <regex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <android-base/logging.h>
@@ -19,6 +20,7 @@ using vendor::vesk::tavi::ParseSysfsLogValue;
 using vendor::vesk::tavi::fuzz::Fail;
 using vendor::vesk::tavi::fuzz::Int32Value;
 using vendor::vesk::tavi::fuzz::SameMessage;
+using vendor::vesk::tavi::fuzz::SplitView;
 
 namespace {
 
@@ -46,48 +48,16 @@ void CaptureLogs() {
 }
 
 // The record a caller hands in, with values the parser must either overwrite or keep.
-Message Sentinel() {
-    Message message;
-    message.type = vendor::vesk::tavi::DEBUG_LOG;
-    message.category = -11;
-    message.log_level = -12;
-    message.error_code = -13;
-    message.param1 = -14;
-    message.param2 = -15;
-    message.param3 = -16;
-    message.param4 = -17;
-    message.message = "kept";
-    return message;
-}
+const Message kSentinel = {
+        vendor::vesk::tavi::DEBUG_LOG, -11, -12, -13, -14, -15, -16, -17, "kept"};
 
 // The logger gets the text line by line, and each line up to a NUL byte.
 std::vector<std::string> ExpectedLines(const std::string& text) {
     std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
+    for (std::string_view line : SplitView(text, "\n")) {
+        lines.emplace_back(line.substr(0, line.find('\0')));
     }
-    lines.push_back(text.substr(start));
-    for (auto& line : lines) line = line.substr(0, line.find('\0'));
     return lines;
-}
-
-void CheckAccepted(const std::smatch& groups, const Message& parsed) {
-    if (parsed.type != vendor::vesk::tavi::LOG) Fail("type is not LOG");
-    if (parsed.message != "kept") Fail("text changed");
-    const int32_t fields[] = {parsed.category, parsed.log_level, parsed.error_code, parsed.param1,
-                              parsed.param2,   parsed.param3,    parsed.param4};
-    for (size_t i = 0; i < 7; ++i) {
-        if (fields[i] != *Int32Value(groups[i + 1].str())) Fail("field value differs");
-    }
-    if (!Captured().lines.empty()) Fail("accepted line logged");
-}
-
-void CheckRejected(const std::string& text, const Message& parsed) {
-    if (!SameMessage(parsed, Sentinel())) Fail("rejected line changed the record");
-    if (!Captured().only_errors) Fail("reject logged below ERROR");
-    if (Captured().lines != ExpectedLines(kRejectPrefix + text)) Fail("reject line differs");
 }
 
 }  // namespace
@@ -111,16 +81,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     Captured() = CapturedLog{};
-    Message parsed = Sentinel();
+    Message parsed = kSentinel;
     const bool accepted = ParseSysfsLogValue(text, parsed);
     if (accepted != expected) {
         Fail(accepted ? "accepted a line the format rejects"
                       : "rejected a line the format accepts");
     }
-    if (accepted) {
-        CheckAccepted(groups, parsed);
-    } else {
-        CheckRejected(text, parsed);
+    if (!accepted) {
+        if (!SameMessage(parsed, kSentinel)) Fail("rejected line changed the record");
+        if (!Captured().only_errors) Fail("reject logged below ERROR");
+        if (Captured().lines != ExpectedLines(kRejectPrefix + text)) Fail("reject line differs");
+        return 0;
     }
+    if (parsed.type != vendor::vesk::tavi::LOG) Fail("type is not LOG");
+    if (parsed.message != "kept") Fail("text changed");
+    const int32_t fields[] = {parsed.category, parsed.log_level, parsed.error_code, parsed.param1,
+                              parsed.param2,   parsed.param3,    parsed.param4};
+    for (size_t i = 0; i < 7; ++i) {
+        if (fields[i] != *Int32Value(groups[i + 1].str())) Fail("field value differs");
+    }
+    if (!Captured().lines.empty()) Fail("accepted line logged");
     return 0;
 }

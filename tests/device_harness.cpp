@@ -76,16 +76,12 @@ void StopProcess(pid_t pid, int signal_number) {
     waitpid(pid, nullptr, 0);
 }
 
-// Runs `args` to its end, within 10 s: its wait status, or nothing.
-std::optional<int> Run(std::vector<std::string> args, const std::string& output_path) {
+// Runs `args` to its end, within 10 s: true when it exits with 0.
+bool RunToSuccess(std::vector<std::string> args, const std::string& output_path) {
     pid_t pid = Spawn(std::move(args), {}, output_path);
-    if (pid < 0) return std::nullopt;
+    if (pid < 0) return false;
     std::optional<int> status = Reap(pid, 10s);
     if (!status) StopProcess(pid, SIGKILL);
-    return status;
-}
-
-bool Succeeded(std::optional<int> status) {
     return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
 }
 
@@ -93,13 +89,6 @@ std::string ReadText(const std::string& path) {
     std::string text;
     android::base::ReadFileToString(path, &text);
     return text;
-}
-
-// "tavi_daemon I 11-22 22:20:31  2903  2903 main.cpp:110] text"
-LogLine ParseLogLine(const std::string& line, Clock::time_point seen) {
-    const size_t space = line.find(' '), text_start = line.find("] ");
-    if (space == std::string::npos || text_start == std::string::npos) return {'?', line, seen};
-    return {line[space + 1], line.substr(text_start + 2), seen};
 }
 
 // The value of a string member, e.g. "probe":"TaviDisplayShort"; the simulator writes
@@ -118,9 +107,8 @@ std::string ProbeAvailability() {
     // The launcher needs unshare(1) and mounts in a new namespace, which not every host allows.
     TemporaryDir persist;
     const std::string output = std::string(persist.path) + "/launcher.out";
-    if (Succeeded(
-                Run({TAVI_NS_EXEC, "--persist", persist.path, "--no-attribute", "--", "/bin/true"},
-                    output))) {
+    if (RunToSuccess({TAVI_NS_EXEC, "--persist", persist.path, "--no-attribute", "--", "/bin/true"},
+                     output)) {
         return "";
     }
     return "the namespace launcher failed (unshare or mount not usable here): " + ReadText(output);
@@ -172,9 +160,9 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
 }
 
 bool SimulatedDevice::SetServiceActive(bool active) const {
-    return Succeeded(
-            Run({UBO_SIMCTL_BINARY, "--socket", dir_ + "/ubo.sock", active ? "active" : "inactive"},
-                dir_ + "/simctl.out"));
+    return RunToSuccess(
+            {UBO_SIMCTL_BINARY, "--socket", dir_ + "/ubo.sock", active ? "active" : "inactive"},
+            dir_ + "/simctl.out");
 }
 
 bool SimulatedDevice::Signal(int signal_number) const {
@@ -244,12 +232,19 @@ bool SimulatedDevice::WaitUntil(const std::function<bool()>& condition, millisec
     }
 }
 
+// "tavi_daemon I 11-22 22:20:31  2903  2903 main.cpp:110] text"
 void SimulatedDevice::ReadNewLogLines() {
     std::string text = ReadText(dir_ + "/daemon.log");
     const auto now = Clock::now();
     size_t start = log_bytes_read_;
     for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        log_lines_.push_back(ParseLogLine(text.substr(start, end - start), now));
+        const std::string line = text.substr(start, end - start);
+        const size_t space = line.find(' '), text_start = line.find("] ");
+        if (space == std::string::npos || text_start == std::string::npos) {
+            log_lines_.push_back({'?', line, now});
+        } else {
+            log_lines_.push_back({line[space + 1], line.substr(text_start + 2), now});
+        }
     }
     log_bytes_read_ = start;
 }

@@ -14,24 +14,23 @@
 
 namespace vendor::vesk::tavi::testing {
 
-// One line of the daemon's log: severity letter (I, E, F) and text, with the moment the
-// harness first saw it, which is precise enough to check pauses of a second.
+// One daemon log line: severity letter, text, and when the harness first saw it (precise
+// enough to check pauses of a second).
 struct LogLine {
     char severity = '?';
     std::string text;
     std::chrono::steady_clock::time_point seen;
 };
 
-// One record of the event service's JSON lines log (only the members the tests look at).
+// One record of the event service's JSON lines log (the members the tests look at).
 struct ServiceRecord {
     std::string source;
     std::string probe;
     std::string payload_hex;
 };
 
-// The real daemon on a simulated device: the emulated kernel attribute, the event service
-// and the daemon in its own mount namespace, all in a fresh temporary folder. Every wait is
-// bounded, and the destructor kills and reaps whatever is still running.
+// The real daemon in its own mount namespace with the emulated attribute and the event service,
+// in a fresh temporary folder. Every wait is bounded; the destructor reaps what still runs.
 class SimulatedDevice {
   public:
     // Empty when the device can be simulated here; otherwise why not.
@@ -42,8 +41,7 @@ class SimulatedDevice {
     SimulatedDevice(const SimulatedDevice&) = delete;
     SimulatedDevice& operator=(const SimulatedDevice&) = delete;
 
-    // Starts the attribute (unless `with_attribute` is false: the daemon then finds no
-    // attribute), the event service (active or not) and the daemon: "" or the reason.
+    // Starts the attribute (if wanted), the service and the daemon: "" or the reason.
     std::string Start(bool service_active, bool with_attribute = true);
 
     bool Inject(const std::string& record) const { return attribute_.Inject(record); }
@@ -55,14 +53,13 @@ class SimulatedDevice {
 
     // Waits until the log holds a line reading exactly `text`.
     bool WaitForLogLine(const std::string& text, std::chrono::milliseconds timeout);
-    // Waits until the service has logged `count` records of `kind` ("event", "session_lost").
     bool WaitForRecords(const std::string& kind, size_t count, std::chrono::milliseconds timeout);
     const std::vector<LogLine>& LogLines();
     std::vector<LogLine> LinesReading(const std::string& text);
     // Position of the first line reading `text`, or -1.
     int LineIndex(const std::string& text);
 
-    // The service's records of one kind ("event", "session_created", ...), in order.
+    // The service's records of one kind ("event", "session_lost", ...), in order.
     std::vector<ServiceRecord> Records(const std::string& kind) const;
     size_t CountRecords(const std::string& kind) const { return Records(kind).size(); }
 

@@ -6,9 +6,8 @@
 
 #include "ubo.h"
 
-// Scripted stand-in for the event-service library, linked into the unit tests in place of
-// libubo.so. Every call is recorded; results come from a per-call script, then a fixed value.
-// Safe to use from several threads (the readiness task creates and polls sessions).
+// Scripted, thread-safe stand-in for libubo.so in the unit tests: every call is recorded;
+// results come from a per-call script, then a fixed value.
 namespace vendor::vesk::tavi::testing::fake_ubo {
 
 enum class Call { kCreate, kIsActive, kAddEvent, kDestroy };

@@ -48,18 +48,11 @@ std::string Record(const std::vector<std::string>& numbers, const std::string& t
 const std::string kChargerRecord = Record({"0", "4", "3", "3001", "0", "-5", "0", "0"}, "");
 
 Message MakeMessage(int32_t error_code, const std::string& text = "") {
-    Message message;
-    message.category = kCharger;
-    message.log_level = 3;
-    message.error_code = error_code;
-    message.message = text;
-    return message;
+    return {LOG, kCharger, 3, error_code, 0, 0, 0, 0, text};
 }
 
 Message ChargerMessage() {
-    Message message = MakeMessage(3001);
-    message.param2 = -5;
-    return message;
+    return {LOG, kCharger, 3, 3001, 0, -5, 0, 0, ""};
 }
 
 std::string Entry(const Message& message) {

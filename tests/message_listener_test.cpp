@@ -184,12 +184,10 @@ class MessageListenerSysfsTest : public ::testing::Test {
     void SetUp() override {
         std::string reason = SysfsEmulator::Availability();
         if (!reason.empty()) GTEST_SKIP() << reason;
-        emulator_ = std::make_unique<SysfsEmulator>();
-        reason = emulator_->Start();
-        ASSERT_EQ(reason, "");
+        ASSERT_EQ(emulator_.Start(), "");
     }
 
-    std::unique_ptr<SysfsEmulator> emulator_;
+    SysfsEmulator emulator_;
 };
 
 TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
@@ -202,19 +200,19 @@ TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
         int log_fd = -1;
         auto parse = [&](const std::string& text, Message& message) {
             seen.push_back(text);
-            if (log_fd < 0) log_fd = FindDescriptorOf(emulator_->LogPath());
+            if (log_fd < 0) log_fd = FindDescriptorOf(emulator_.LogPath());
             offsets.push_back(lseek(log_fd, 0, SEEK_CUR));
             return ParseSysfsLogValue(text, message);
         };
-        ASSERT_TRUE(listener.Setup({emulator_->LogPath()}, {parse}));
+        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {parse}));
         const std::vector<std::string> records = {"4,1,3001,1,0,0,0\n", "4,1,3001\n",
                                                   std::string("2,3,1000,7,8,9,0\n") + '\0' + "tail",
                                                   page_filler, "3,0,2000,0,0,0,0\n"};
-        for (const auto& record : records) emulator_->Inject(record);
+        for (const auto& record : records) emulator_.Inject(record);
 
         PollRecord record;
         std::thread stopper([&] {
-            emulator_->WaitForPendingCount(0, std::chrono::seconds(5));
+            emulator_.WaitForPendingCount(0, std::chrono::seconds(5));
             usleep(50 * 1000);
             kill(getpid(), SIGTERM);
         });
@@ -241,9 +239,9 @@ TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
 TEST_F(MessageListenerSysfsTest, RecordsPendingWithTheStopSignalAreStillDelivered) {
     RunInChild([&] {
         MessageListener listener;
-        ASSERT_TRUE(listener.Setup({emulator_->LogPath()}, {ParseSysfsLogValue}));
-        emulator_->Inject("1,0,1,0,0,0,0\n");
-        emulator_->Inject("1,0,2,0,0,0,0\n");
+        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {ParseSysfsLogValue}));
+        emulator_.Inject("1,0,1,0,0,0,0\n");
+        emulator_.Inject("1,0,2,0,0,0,0\n");
         kill(getpid(), SIGTERM);
         PollRecord record;
         EXPECT_TRUE(PollInto(listener, record));

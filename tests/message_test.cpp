@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,20 +17,8 @@ using namespace std::string_literals;
 using testing::RunUncaught;
 using testing::TextForm;
 
-Message ChargerRecord() {
-    Message message;
-    message.category = kCharger;
-    message.log_level = 3;
-    message.error_code = 3001;
-    message.param2 = -5;
-    return message;
-}
-
 Message WithType(int32_t type, std::string text = "") {
-    Message message = ChargerRecord();
-    message.type = static_cast<MessageType>(type);
-    message.message = std::move(text);
-    return message;
+    return {static_cast<MessageType>(type), kCharger, 3, 3001, 0, -5, 0, 0, std::move(text)};
 }
 
 // Counts flushes so the end-of-line flush is observable.
@@ -70,7 +59,7 @@ TEST(MessageTextForm, WritesEveryFieldExactly) {
 TEST(MessageTextForm, FlushesAfterTheNewline) {
     SyncCountingBuf buf;
     std::ostream os(&buf);
-    os << ChargerRecord();
+    os << WithType(LOG);
     EXPECT_EQ(buf.syncs, 1);
     EXPECT_EQ(buf.str().back(), '\n');
 }
@@ -83,12 +72,12 @@ const std::string kChargerRecordBytes = {0x30, 0x00, 0x34, 0x00, 0x33, 0x00, 0x3
 TEST(MessageCacheRecord, EncodesTheChargerExample) {
     ASSERT_EQ(kChargerRecordBytes.size(), 20u);
     std::string out = "stale";
-    EXPECT_TRUE(ChargerRecord().SerializeToString(&out));
+    EXPECT_TRUE(WithType(LOG).SerializeToString(&out));
     EXPECT_EQ(out, kChargerRecordBytes);
 
     Message decoded;
     ASSERT_TRUE(decoded.DeserializeFromString(kChargerRecordBytes));
-    EXPECT_EQ(TextForm(decoded), TextForm(ChargerRecord()));
+    EXPECT_EQ(TextForm(decoded), TextForm(WithType(LOG)));
 }
 
 // A cache record from its eight numbers, "0,4,3,3001,0,-5,0,0", and its text.

@@ -64,7 +64,6 @@ std::string SysfsEmulator::Availability() {
 }
 
 std::string SysfsEmulator::Start() {
-    if (pid_ > 0) return "already running on " + mount_point_;
     if (kBinary[0] == '\0') return "this build has no tavi_sysfs_emu binary";
     if (access(kBinary, X_OK) != 0) return ErrnoText(kBinary);
     std::string mount_point = "/tmp/tavi_sysfs_emu.XXXXXX";
@@ -144,11 +143,8 @@ bool SysfsEmulator::Inject(const std::string& bytes) const {
 int SysfsEmulator::PendingCount() const {
     std::string text;
     int count = -1;
-    if (!android::base::ReadFileToString(mount_point_ + "/pending", &text) ||
-        !android::base::ParseInt(android::base::Trim(text), &count, 0)) {
-        return -1;
-    }
-    return count;
+    android::base::ReadFileToString(mount_point_ + "/pending", &text);
+    return android::base::ParseInt(android::base::Trim(text), &count, 0) ? count : -1;
 }
 
 bool SysfsEmulator::WaitForPendingCount(int count, std::chrono::milliseconds timeout) const {

@@ -101,30 +101,5 @@ TEST_F(SysfsEmulatorTest, DrainYieldsEachRecordOnceVerbatimInOrder) {
     EXPECT_TRUE(Drain().empty());
 }
 
-TEST_F(SysfsEmulatorTest, ReadSizeAndOffset) {
-    struct Case {
-        const char* name;
-        size_t read_size;
-        off_t offset;
-        std::string expected;
-        int pending_after;
-    };
-    const Case cases[] = {
-            {"whole record from offset 0", 100, 0, "abcdef", 0},
-            {"short read truncates and drops", 4, 0, "abcd", 0},
-            {"non-zero offset reads nothing", 100, 6, "", 1},
-    };
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.name);
-        ASSERT_TRUE(emulator_.Inject("abcdef"));
-        std::string buffer(test.read_size, '\0');
-        ssize_t size = pread(log_.get(), buffer.data(), buffer.size(), test.offset);
-        ASSERT_GE(size, 0);
-        EXPECT_EQ(buffer.substr(0, size), test.expected);
-        EXPECT_EQ(emulator_.PendingCount(), test.pending_after);
-        Drain();
-    }
-}
-
 }  // namespace
 }  // namespace vendor::vesk::tavi::testing

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <android-base/file.h>
@@ -25,16 +26,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-template <typename Condition>
-bool Eventually(Condition condition) {
-    auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
 pid_t Spawn(const std::vector<std::string>& args, const std::string& stdout_path) {
     std::vector<char*> argv;
     argv.reserve(args.size() + 1);
@@ -48,12 +39,6 @@ pid_t Spawn(const std::vector<std::string>& args, const std::string& stdout_path
     if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     return pid;
-}
-
-int WaitForExit(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // "0801": as the service logs payloads.
@@ -81,22 +66,27 @@ class UboSimTest : public ::testing::Test {
         args.insert(args.end(), flags.begin(), flags.end());
         sim_ = Spawn(args, dir_ + "/sim.out");
         ASSERT_GT(sim_, 0);
-        ASSERT_TRUE(Eventually([this] { return Read("/sim.out").find("listening") != npos; }));
+        const auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (Read("/sim.out").find("listening") == npos) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "ubo_sim did not listen";
+            std::this_thread::sleep_for(10ms);
+        }
         session_ = ubo_create();
         ASSERT_NE(session_, nullptr);
     }
 
+    // The wait status: 0 for a clean exit.
     int StopSimulator() {
         kill(sim_, SIGTERM);
-        int code = WaitForExit(sim_);
-        sim_ = -1;
-        return code;
+        int status = -1;
+        waitpid(std::exchange(sim_, -1), &status, 0);
+        return status;
     }
 
     int Control(const std::string& command) {
-        std::vector<std::string> args = {UBO_SIMCTL_BINARY, "--control", dir_ + "/control.sock"};
-        for (const std::string& word : android::base::Split(command, " ")) args.push_back(word);
-        return WaitForExit(Spawn(args, dir_ + "/simctl.out"));
+        const std::string line = std::string(UBO_SIMCTL_BINARY) + " --control " + dir_ +
+                                 "/control.sock " + command + " >" + dir_ + "/simctl.out";
+        return WEXITSTATUS(system(line.c_str()));
     }
 
     std::string Read(const std::string& name) {
@@ -137,14 +127,6 @@ TEST_F(UboSimTest, ActiveStateFollowsControlCommands) {
         EXPECT_EQ(Control(step.command), step.exit_code);
         EXPECT_EQ(ubo_is_active(session_), step.active);
     }
-    EXPECT_NE(Read("/simctl.out").find("state active\n"), npos);
-}
-
-TEST_F(UboSimTest, BecomesActiveAfterDelay) {
-    StartSimulator({"--active-after", "1"});
-    EXPECT_EQ(ubo_is_active(session_), 0);
-    EXPECT_TRUE(Eventually([this] { return ubo_is_active(session_) == 1; }));
-    EXPECT_NE(Read("/sim.out").find("ubo_sim: service active\n"), npos);
 }
 
 TEST_F(UboSimTest, AddEventReturnsConfiguredCode) {
@@ -194,36 +176,12 @@ TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
     }
     EXPECT_NE(lines[5].find(R"("kind":"session_destroyed")"), npos);
     EXPECT_NE(lines[5].find(R"("session":1)"), npos);
-    EXPECT_NE(Read("/sim.out").find("error_code: 3002 (CHARGER_DETECT_SOC_FREEZE), param1: -1"),
-              npos);
 }
 
-TEST_F(UboSimTest, ConcurrentCallsKeepTheSessionInStep) {
-    StartSimulator({"--active", "--fail", "-7"});
-    const std::vector<uint8_t> event = Bytes("080010d00f1800");
-    int wrong_codes = 0;
-    std::thread sender([&] {
-        for (int i = 0; i < 200; ++i) wrong_codes += Send("TaviDisplayShort", event) != -7;
-    });
-    int wrong_states = 0;
-    for (int i = 0; i < 200; ++i) wrong_states += ubo_is_active(session_) != 1;
-    sender.join();
-    EXPECT_EQ(wrong_codes, 0);
-    EXPECT_EQ(wrong_states, 0);
-}
-
-TEST_F(UboSimTest, RefusedOrVanishedServiceFailsCleanly) {
+// The daemon treats a vanished service as a lost session: calls fail, nothing hangs.
+TEST_F(UboSimTest, VanishedServiceFailsCleanly) {
     StartSimulator({"--active"});
-    ASSERT_EQ(Control("refuse"), 0);
-    EXPECT_EQ(ubo_create(), nullptr);
-    ASSERT_EQ(Control("accept"), 0);
-    ubo_session_t* second = ubo_create();
-    EXPECT_NE(second, nullptr);
-    ubo_destroy(&second);
-
     EXPECT_EQ(StopSimulator(), 0);
-    EXPECT_NE(access(socket_.c_str(), F_OK), 0);
-    EXPECT_NE(access((dir_ + "/control.sock").c_str(), F_OK), 0);
     EXPECT_EQ(ubo_is_active(session_), -1);
     EXPECT_LT(Send("TaviDisplayShort", Bytes("080010d00f1800")), 0);
 }
