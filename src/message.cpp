@@ -3,13 +3,13 @@
 #include <sstream>
 #include <vector>
 
+#include "message_cache.h"
 #include "utils.h"
 
 namespace vendor::vesk::tavi {
 
 namespace {
 
-constexpr char kCacheFieldSeparator = '\0';
 constexpr size_t kCacheRecordFieldCount = 9;
 
 void WriteTypeName(std::ostream& os, MessageType type) {
