@@ -1,40 +1,59 @@
 #!/usr/bin/env bash
-# Checks the vendor SELinux policy in sepolicy/ off-device: compiles it into a small stand-in
-# of the platform policy (the classes, attributes, types and macros it uses), asserts that it
-# grants what the daemon needs and nothing beyond, validates the file contexts against the
-# compiled policy and looks up the labels of the daemon's paths. What needs the full platform
-# policy (its neverallow rules and attribute definitions) or a device (labels at run time) is
-# beyond this check.
+# Checks the vendor SELinux policy off-device: compiles it with checkpolicy into a stand-in of
+# the platform policy, with the platform's own neverallow rules that bind a vendor daemon, then
+# asserts that it grants what the daemon needs and nothing beyond, validates the file contexts
+# and looks up the labels of the daemon's paths.
+#
+# Everything in the stand-in is copied from the public platform policy (system/sepolicy of
+# Android 13, 14 and 15; the files named are those of Android 15, where several rules moved
+# from public/ to private/): a name the platform does not declare makes the check fail as the
+# real build would. The labels at run time can only be checked on a device.
+#
+# Usage: check-sepolicy.sh [POLICY_DIR]   (default: sepolicy/)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-policy_dir=$root/sepolicy
+policy_dir=$(cd "${1:-$root/sepolicy}" && pwd)
 "$root/scripts/setup.sh" checkpolicy m4 policycoreutils selinux-utils
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Object classes and permissions as the kernel defines them, cut to what the policy names.
+# private/security_classes and private/access_vectors: the classes the policies here name,
+# with their permissions exactly as declared there.
 cat >"$work/classes" <<'EOF'
-class dir
-class file
 class process
 class capability
+class file
+class dir
+class lnk_file
+class chr_file
+class blk_file
+class sock_file
+class fifo_file
+class cap_userns
 
 sid kernel
 
 common file { ioctl read write create getattr setattr lock relabelfrom relabelto append map
     unlink link rename execute quotaon mounton audit_access open execmod watch watch_mount
     watch_sb watch_with_perm watch_reads }
-class dir inherits file { add_name remove_name reparent search rmdir }
-class file inherits file { execute_no_trans entrypoint }
+common cap { chown dac_override dac_read_search fowner fsetid kill setgid setuid setpcap
+    linux_immutable net_bind_service net_broadcast net_admin net_raw ipc_lock ipc_owner
+    sys_module sys_rawio sys_chroot sys_ptrace sys_pacct sys_admin sys_boot sys_nice
+    sys_resource sys_time sys_tty_config mknod lease audit_write audit_control setfcap }
 class process { fork transition sigchld sigkill sigstop signull signal ptrace getsched
     setsched getsession getpgid setpgid getcap setcap share getattr setexec setfscreate
     noatsecure siginh setrlimit rlimitinh dyntransition setcurrent execmem execstack execheap
     setkeycreate setsockcreate getrlimit }
-class capability { chown dac_override dac_read_search fowner fsetid kill setgid setuid
-    setpcap linux_immutable net_bind_service net_broadcast net_admin net_raw ipc_lock
-    ipc_owner sys_module sys_rawio sys_chroot sys_ptrace sys_pacct sys_admin sys_boot sys_nice
-    sys_resource sys_time sys_tty_config mknod lease audit_write audit_control setfcap }
+class capability inherits cap
+class file inherits file { execute_no_trans entrypoint }
+class dir inherits file { add_name remove_name reparent search rmdir }
+class lnk_file inherits file
+class chr_file inherits file { execute_no_trans entrypoint }
+class blk_file inherits file
+class sock_file inherits file
+class fifo_file inherits file
+class cap_userns inherits cap
 
 sensitivity s0;
 dominance { s0 }
@@ -44,49 +63,92 @@ level s0:c0;
 mlsconstrain file { write } ( l1 eq l2 );
 EOF
 
-# The platform's permission sets and domain macros the policy uses, with their meaning.
+# public/global_macros (class sets, permission sets) and public/te_macros (domain
+# transitions), as defined there.
 cat >"$work/macros" <<'EOF'
+define(`global_capability_class_set', `{ capability cap_userns }')
+define(`devfile_class_set', `{ chr_file blk_file }')
+define(`notdevfile_class_set', `{ file lnk_file sock_file fifo_file }')
+define(`file_class_set', `{ devfile_class_set notdevfile_class_set }')
 define(`r_file_perms', `{ getattr open read ioctl lock map watch watch_reads }')
 define(`w_file_perms', `{ open append write lock map }')
 define(`rw_file_perms', `{ r_file_perms w_file_perms }')
 define(`create_file_perms', `{ create rename setattr unlink rw_file_perms }')
 define(`r_dir_perms', `{ open getattr read search ioctl lock watch watch_reads }')
-define(`rw_dir_perms', `{ r_dir_perms add_name remove_name write }')
+define(`w_dir_perms', `{ open search write add_name remove_name lock }')
+define(`rw_dir_perms', `{ r_dir_perms w_dir_perms }')
 define(`domain_trans', `
 allow $1 $2:file { getattr open read execute map };
 allow $1 $3:process transition;
 allow $3 $2:file { entrypoint open read execute getattr map };
-allow $3 $1:process sigchld;
-dontaudit $3 $1:process noatsecure;
+ifelse($1, `init', `', `allow $3 $1:process sigchld;')
+dontaudit $1 $3:process noatsecure;
 allow $1 $3:process { siginh rlimitinh };
 ')
-define(`domain_auto_trans', `domain_trans($1, $2, $3)
+define(`domain_auto_trans', `domain_trans($1,$2,$3)
 type_transition $1 $2:process $3;
 ')
 define(`init_daemon_domain', `domain_auto_trans(init, $1_exec, $1)')
 EOF
 
-# The attributes and types the platform defines and the policy refers to.
+# public/attributes, and the platform types the rules here name with the attributes
+# public/*.te gives them (init.te, vendor_init.te, ueventd.te, kernel.te, file.te); the
+# coredomain lines are those of private/init.te, ueventd.te and kernel.te.
 cat >"$work/platform.te" <<'EOF'
 attribute domain;
+attribute coredomain;
+attribute appdomain;
+attribute mlstrustedsubject;
+attribute mlstrustedobject;
 attribute file_type;
 attribute exec_type;
+attribute system_file_type;
 attribute vendor_file_type;
+attribute data_file_type;
+attribute core_data_file_type;
 attribute fs_type;
 attribute sysfs_type;
-attribute vendor_persist_type;
-type kernel, domain;
-type init, domain;
-type sysfs, fs_type, sysfs_type;
+attribute proc_type;
+attribute data_between_core_and_vendor_violators;
+type kernel, domain, mlstrustedsubject;
+type init, domain, mlstrustedsubject;
+type init_exec, system_file_type, exec_type, file_type;
+type vendor_init, domain, mlstrustedsubject;
+type ueventd, domain;
+type sysfs, fs_type, sysfs_type, mlstrustedobject;
+type sysfs_usermodehelper, fs_type, sysfs_type;
+type proc, fs_type, proc_type;
 type mnt_vendor_file, file_type;
+type system_data_file, file_type, data_file_type, core_data_file_type;
+type vendor_data_file, file_type, data_file_type;
+typeattribute init coredomain;
+typeattribute ueventd coredomain;
+typeattribute kernel coredomain;
+EOF
+
+# The platform's neverallow rules that bind a vendor daemon, from private/domain.te (some in
+# public/domain.te before Android 15). full_treble_only() wrappers are dropped (every device
+# since Android 8 is full Treble) and dac_override_allowed is cut to the domains declared here.
+cat >"$work/platform_neverallows.te" <<'EOF'
+# Files cannot be created in sysfs or proc.
+neverallow domain { proc_type sysfs_type }:dir { add_name create link remove_name rename reparent rmdir write };
+neverallow { domain -init -ueventd } sysfs_usermodehelper:file { append write };
+# Vendor domains may only reach core data by an open descriptor passed to them.
+neverallow { domain -appdomain -coredomain -data_between_core_and_vendor_violators -vendor_init } core_data_file_type:file_class_set ~{ append getattr ioctl read write map };
+# A vendor domain is entered only from a vendor file (or init_exec for vendor_init).
+neverallow { domain -coredomain } { file_type -vendor_file_type -init_exec }:file entrypoint;
+neverallow ~{ init ueventd vendor_init } self:global_capability_class_set dac_override;
+neverallow * self:global_capability_class_set setfcap;
+neverallow * self:process { execstack execheap };
 EOF
 
 # Nothing beyond the daemon's needs: no capabilities, the attribute read-only, the cache
 # folder kept as init made it, no other file or folder touched, no other process signalled.
 cat >"$work/narrow.te" <<'EOF'
-neverallow tavi_daemon self:capability *;
-neverallow tavi_daemon sysfs_tavi:file ~r_file_perms;
-neverallow tavi_daemon persist_tavi_file:dir ~rw_dir_perms;
+neverallow tavi_daemon self:global_capability_class_set *;
+neverallow tavi_daemon sysfs_tavi:file ~{ open read getattr };
+neverallow tavi_daemon persist_tavi_file:dir ~{ search write add_name remove_name };
+neverallow tavi_daemon persist_tavi_file:file ~{ create open read write getattr setattr unlink };
 neverallow tavi_daemon mnt_vendor_file:dir ~search;
 neverallow tavi_daemon { file_type fs_type -sysfs_tavi -persist_tavi_file -tavi_daemon_exec }:file *;
 neverallow tavi_daemon { file_type fs_type -persist_tavi_file -mnt_vendor_file }:dir *;
@@ -103,19 +165,22 @@ sid kernel u:r:kernel:s0
 genfscon sysfs / u:object_r:sysfs:s0
 EOF
 
-m4 -s "$work/macros" "$work/classes" "$work/platform.te" "$policy_dir"/file.te \
-    "$policy_dir"/tavi_daemon.te "$work/narrow.te" "$work/tail" \
+fail() {
+    echo "check-sepolicy: $*" >&2
+    exit 1
+}
+m4 -s "$work/macros" "$work/classes" "$work/platform.te" "$policy_dir"/*.te \
+    "$work/platform_neverallows.te" "$work/narrow.te" "$work/tail" \
     "$policy_dir/genfs_contexts" >"$work/policy.conf"
-checkpolicy -M -c 30 -o "$work/policy" "$work/policy.conf" >/dev/null
+checkpolicy -M -c 30 -o "$work/policy" "$work/policy.conf" >"$work/checkpolicy.log" 2>&1 || {
+    cat "$work/checkpolicy.log" >&2
+    fail "the policy does not compile against the platform stand-in"
+}
 setfiles -c "$work/policy" "$policy_dir/file_contexts"
 
 # What the daemon does on the device must be granted. checkpolicy's debug mode answers for the
 # compiled policy; it numbers contexts as it meets them, after the kernel's 1.
 ask_policy() { checkpolicy -M -b -d "$work/policy" 2>/dev/null; }
-fail() {
-    echo "check-sepolicy: $*" >&2
-    exit 1
-}
 expect_allowed() {
     local source=$1 target=$2 class=$3 granted permission
     shift 3

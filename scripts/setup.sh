@@ -10,6 +10,7 @@ packages=(
     libprotobuf-dev libprotoc-dev protobuf-compiler
     libfuse3-dev fuse3
     util-linux procps xxd
+    checkpolicy m4 policycoreutils selinux-utils
 )
 packages+=("$@")
 
