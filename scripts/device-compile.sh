@@ -15,9 +15,10 @@ protoc --cpp_out=lite:"$out/generated" -I "$root/src" "$root/src/probe/tavi.prot
 
 # build/soong/cc/config/global.go (Android 15): commonGlobalCflags, deviceGlobalCflags,
 # commonGlobalCppflags and noOverrideGlobalCflags, the warnings and defines of each; the
-# standard is CppStdVersion there, -fno-rtti comes from cc/compiler.go and
-# -DGOOGLE_PROTOBUF_NO_RTTI from cc/proto.go. Options this clang does not know (Soong's clang
-# is newer) only switch off warnings it does not have, hence -Wno-unknown-warning-option.
+# standard is CppStdVersion there (gnu++20 since Android 14, gnu++17 in Android 13), -fno-rtti
+# comes from cc/compiler.go and -DGOOGLE_PROTOBUF_NO_RTTI from cc/proto.go. Options this clang
+# does not know (Soong's clang is newer) only switch off warnings it does not have, hence
+# -Wno-unknown-warning-option.
 flags=(
     -std=gnu++20 -stdlib=libc++ -fno-rtti -fno-exceptions -O2 -Werror
     -Wno-unknown-warning-option
@@ -61,11 +62,12 @@ compile() {
     clang++ "${flags[@]}" "${extra[@]}" -c "$source" -o "$out/$(basename "$source").o"
 }
 sources=("$out/generated/probe/tavi.pb.cc")
-mapfile -t -O 1 sources < <(grep -oE '"(src|tests|fuzz)/[^"]+\.cpp"' "$root/Android.bp" | tr -d '"' |
-    sed "s|^|$root/|")
+mapfile -t -O 1 sources < <(grep -oE '"(src|tests|fuzz)/[^"]+\.cpp"' "$root/Android.bp" |
+    tr -d '"' | sed "s|^|$root/|")
 status=0
 for source in "${sources[@]}"; do
     compile "$source" || { echo "device-compile: $source does not compile" >&2; status=1; }
 done
-[[ $status -eq 0 ]] && echo "device-compile: ${#sources[@]} translation units compile with clang, libc++, gnu++20, -fno-rtti, -fno-exceptions, -Werror"
+[[ $status -eq 0 ]] && echo "device-compile: ${#sources[@]} translation units compile" \
+    "(clang, libc++, gnu++20, -fno-rtti, -fno-exceptions, -Werror)"
 exit "$status"
