@@ -11,6 +11,7 @@ packages=(
     libfuse3-dev fuse3
     util-linux procps xxd
 )
+packages+=(nlohmann-json3-dev) # the event-service simulator's event log
 packages+=("$@")
 
 # A name without ":arch" means the machine's own architecture (or an "all" package); with
