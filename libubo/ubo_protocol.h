@@ -17,7 +17,7 @@ inline constexpr char kDefaultSocketPath[] = "/run/ubo_sim/ubo.sock";
 inline constexpr char kControlSocketName[] = "control.sock";
 inline constexpr uint32_t kVersion = 2;
 // Real requests are a few dozen bytes; anything near this is a broken peer.
-inline constexpr size_t kMaxPacketSize = 64 * 1024;
+inline constexpr size_t kMaxPacketSize = size_t{64} * 1024;
 
 // The session socket: $UBO_SIM_SOCKET, or the fixed default.
 inline std::string SessionSocketPath() {

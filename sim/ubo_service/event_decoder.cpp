@@ -35,7 +35,7 @@ void PlainEnums(DescriptorProto* message) {
 Json Value(const Message& message, const FieldDescriptor* field, int index) {
     const Reflection* reflection = message.GetReflection();
     bool repeated = field->is_repeated();
-#define TAVI_GET(Type) \
+#define TAVI_GET(Type)                                               \
     (repeated ? reflection->GetRepeated##Type(message, field, index) \
               : reflection->Get##Type(message, field))
     switch (field->cpp_type()) {
@@ -157,8 +157,7 @@ DecodedEvent EventDecoder::Decode(std::string_view probe, std::string_view paylo
         return event;
     }
     std::unique_ptr<Message> message(
-            factory_.GetPrototype(plain_file_->FindMessageTypeByName(message_type->name()))
-                    ->New());
+            factory_.GetPrototype(plain_file_->FindMessageTypeByName(message_type->name()))->New());
     if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
         event.error = "does not parse as " + message_type->name();
     }

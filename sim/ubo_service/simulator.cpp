@@ -11,8 +11,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/timerfd.h>
-#include <time.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <utility>
@@ -522,8 +522,7 @@ Json Simulator::Record(std::string_view kind) {
     clock_gettime(CLOCK_REALTIME, &now);
     Json record = Json::object();
     record["kind"] = std::string(kind);
-    // Microseconds, as a number of seconds.
-    record["time"] = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec / 1000) / 1e6;
+    record["time"] = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
     return record;
 }
 
