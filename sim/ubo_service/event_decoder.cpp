@@ -21,6 +21,7 @@ using google::protobuf::Reflection;
 using google::protobuf::UnknownField;
 using google::protobuf::UnknownFieldSet;
 
+// Every enumeration field becomes an int32 with the same number and wire type.
 void PlainEnums(DescriptorProto* message) {
     for (FieldDescriptorProto& field : *message->mutable_field()) {
         if (field.type() != FieldDescriptorProto::TYPE_ENUM) continue;
@@ -31,7 +32,7 @@ void PlainEnums(DescriptorProto* message) {
     for (DescriptorProto& nested : *message->mutable_nested_type()) PlainEnums(&nested);
 }
 
-// One value of a declared field; `declared` is the schema's own field, for enum names.
+// One value of a declared field; bytes (and nested messages) are shown as hex.
 Json Value(const Message& message, const FieldDescriptor* field, int index) {
     const Reflection* reflection = message.GetReflection();
     bool repeated = field->is_repeated();
@@ -63,6 +64,7 @@ Json Value(const Message& message, const FieldDescriptor* field, int index) {
 #undef TAVI_GET
 }
 
+// As it was on the wire: a varint as a signed 64-bit number, fixed ones unsigned.
 Json UnknownValue(const UnknownField& field) {
     switch (field.type()) {
         case UnknownField::TYPE_VARINT:
