@@ -46,7 +46,7 @@ signal_masks() {
 # What the launcher hands to the command it executes.
 mkdir -p "$work/persist"
 masks=$(with_odd_signals "$ns_exec" --persist "$work/persist" --no-attribute -- \
-    awk '/^Sig(Blk|Ign):/ { print $2 }' /proc/self/status | paste -sd ' ')
+    cat /proc/self/status | signal_masks /dev/stdin)
 [[ "$masks" == "0000000000000000 0000000000000000" ]] ||
     fail "launcher hands over blocked/ignored signals $masks, want none"
 
