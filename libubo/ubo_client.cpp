@@ -10,7 +10,6 @@
 #include <new>
 #include <string>
 
-#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 
 // The library is built with hidden visibility; only the client API is exported.
@@ -24,7 +23,7 @@ struct ubo_session {
     android::base::unique_fd fd;
     // Calls may come from two threads; one request/reply exchange at a time.
     std::mutex lock;
-    // Set once an exchange failed: the stream is out of step and never used again.
+    // Set once an exchange failed: the session is out of step and never used again.
     bool broken = false;
 };
 
@@ -44,7 +43,7 @@ unique_fd ConnectTo(const std::string& path) {
     if (path.size() >= sizeof(address.sun_path)) return {};
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
-    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (fd < 0) return {};
     timeval timeout{kReplyTimeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
@@ -58,35 +57,26 @@ unique_fd ConnectTo(const std::string& path) {
 }
 
 // send() rather than write(): a vanished simulator must not raise SIGPIPE in the caller.
-bool SendAll(int fd, const std::string& data) {
-    size_t sent = 0;
-    while (sent < data.size()) {
-        ssize_t n = send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        sent += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool ReceiveReply(int fd, protocol::Kind expected, int32_t* value) {
-    char header[protocol::kLengthSize];
-    if (!android::base::ReadFully(fd, header, sizeof(header))) return false;
-    if (protocol::LoadU32(std::string_view(header, sizeof(header))) != protocol::kReplyBodySize) {
-        return false;
-    }
-    char body[protocol::kReplyBodySize];
-    if (!android::base::ReadFully(fd, body, sizeof(body))) return false;
-    protocol::FrameReader reader(std::string_view(body, sizeof(body)));
-    protocol::Kind kind;
-    return reader.ReadKind(&kind) && kind == expected && reader.ReadI32(value);
+bool Transfer(int fd, const protocol::Request& request, protocol::Reply* reply) {
+    std::string packet = request.SerializeAsString();
+    ssize_t n;
+    do {
+        n = send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    if (n != static_cast<ssize_t>(packet.size())) return false;
+    char buffer[64];
+    do {
+        n = recv(fd, buffer, sizeof(buffer), 0);
+    } while (n < 0 && errno == EINTR);
+    return n > 0 && reply->ParseFromArray(buffer, static_cast<int>(n));
 }
 
 // One request/reply exchange; the caller holds session->lock.
-bool Exchange(ubo_session* session, const protocol::FrameWriter& request, protocol::Kind kind,
-              int32_t* value) {
+bool Exchange(ubo_session* session, const protocol::Request& request, int32_t* value) {
     if (session->broken) return false;
-    if (SendAll(session->fd, request.Finish()) && ReceiveReply(session->fd, kind, value)) {
+    protocol::Reply reply;
+    if (Transfer(session->fd, request, &reply)) {
+        *value = reply.value();
         return true;
     }
     session->broken = true;
@@ -102,21 +92,20 @@ ubo_session_t* ubo_create(void) {
     if (!session) return nullptr;
     session->fd = ConnectTo(protocol::SessionSocketPath());
     if (session->fd < 0) return nullptr;
+    protocol::Request hello;
+    hello.mutable_hello()->set_version(protocol::kVersion);
     int32_t session_id = 0;
-    protocol::FrameWriter hello(protocol::Kind::kHello);
-    hello.U32(protocol::kVersion);
-    if (!Exchange(session.get(), hello, protocol::Kind::kHello, &session_id) || session_id <= 0) {
-        return nullptr;
-    }
+    if (!Exchange(session.get(), hello, &session_id) || session_id <= 0) return nullptr;
     return session.release();
 }
 
 int32_t ubo_is_active(ubo_session_t* session) {
     if (session == nullptr) return 0;
     std::lock_guard<std::mutex> guard(session->lock);
+    protocol::Request request;
+    request.mutable_is_active();
     int32_t active = 0;
-    protocol::FrameWriter request(protocol::Kind::kIsActive);
-    if (!Exchange(session, request, protocol::Kind::kIsActive, &active)) return -1;
+    if (!Exchange(session, request, &active)) return -1;
     return active;
 }
 
@@ -124,14 +113,16 @@ int32_t ubo_add_event(ubo_session_t* session, const char* source, const char* pr
                       const uint8_t* data, size_t size) {
     if (session == nullptr || source == nullptr || probe == nullptr) return -EINVAL;
     if (data == nullptr && size > 0) return -EINVAL;
-    protocol::FrameWriter request(protocol::Kind::kAddEvent);
-    request.Bytes(source).Bytes(probe).Bytes(
-            std::string_view(reinterpret_cast<const char*>(data), size));
-    // The simulator drops a peer that sends an oversized frame; refuse it here instead.
-    if (request.BodySize() > protocol::kMaxBodySize) return -EMSGSIZE;
+    protocol::Request request;
+    protocol::AddEvent* event = request.mutable_add_event();
+    event->set_source(source);
+    event->set_probe(probe);
+    if (size > 0) event->set_payload(data, size);
+    // The simulator drops a peer that sends an oversized packet; refuse it here instead.
+    if (request.ByteSizeLong() > protocol::kMaxPacketSize) return -EMSGSIZE;
     std::lock_guard<std::mutex> guard(session->lock);
     int32_t code = 0;
-    if (!Exchange(session, request, protocol::Kind::kAddEvent, &code)) return kBrokenSessionCode;
+    if (!Exchange(session, request, &code)) return kBrokenSessionCode;
     return code;
 }
 
@@ -141,9 +132,10 @@ void ubo_destroy(ubo_session_t** session) {
     *session = nullptr;
     std::lock_guard<std::mutex> guard(owned->lock);
     // Waiting for the reply means the simulator has recorded the close when this returns.
+    protocol::Request request;
+    request.mutable_close();
     int32_t ignored;
-    Exchange(owned.get(), protocol::FrameWriter(protocol::Kind::kClose), protocol::Kind::kClose,
-             &ignored);
+    Exchange(owned.get(), request, &ignored);
 }
 
 }  // extern "C"

@@ -12,6 +12,7 @@ packages=(
     util-linux procps xxd
     checkpolicy m4 policycoreutils selinux-utils
 )
+packages+=(nlohmann-json3-dev) # the event-service simulator's event log
 packages+=("$@")
 
 # A name without ":arch" means the machine's own architecture (or an "all" package); with

@@ -14,7 +14,7 @@ started=$SECONDS
 "$root/scripts/setup.sh" clang clang-tidy libclang-rt-14-dev
 CC=clang CXX=clang++ cmake -S "$root" -B "$build_dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
     -DTAVI_BUILD_BENCH=ON -DTAVI_BUILD_FUZZ=ON >/dev/null
-cmake --build "$build_dir" --target tavi_proto -- --no-print-directory >/dev/null
+cmake --build "$build_dir" --target tavi_proto ubo_protocol -- --no-print-directory >/dev/null
 
 status=0
 run-clang-tidy -p "$build_dir" -quiet -j2 "$files" || status=$?

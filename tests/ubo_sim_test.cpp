@@ -113,33 +113,24 @@ TEST_F(UboSimTest, NoSessionWithoutSimulator) {
     EXPECT_EQ(ubo_is_active(nullptr), 0);
 }
 
-TEST_F(UboSimTest, ActiveStateFollowsControlCommands) {
+// Each command's exit code, then what the session sees: the active flag and add_event's result.
+TEST_F(UboSimTest, ControlCommandsSetStateAndResult) {
     StartSimulator({});
-    EXPECT_EQ(ubo_is_active(session_), 0);
+    const std::vector<uint8_t> event = Bytes("080110b9171801");
     struct Step {
         const char* command;
         int exit_code;
         int32_t active;
-    } steps[] = {{"active", 0, 1}, {"inactive", 0, 0}, {"bogus", 1, 0},
-                 {"fail 5", 1, 0}, {"active", 0, 1},   {"status", 0, 1}};
-    for (const Step& step : steps) {
-        SCOPED_TRACE(step.command);
-        EXPECT_EQ(Control(step.command), step.exit_code);
-        EXPECT_EQ(ubo_is_active(session_), step.active);
-    }
-}
-
-TEST_F(UboSimTest, AddEventReturnsConfiguredCode) {
-    StartSimulator({"--active"});
-    const std::vector<uint8_t> event = Bytes("080110b9171801");
-    struct Step {
-        const char* command;
         int32_t code;
-    } steps[] = {{nullptr, 0}, {"fail -5", -5}, {"fail -22", -22}, {"ok", 0}};
+    } steps[] = {{nullptr, 0, 0, 0},     {"active", 0, 1, 0}, {"fail -5", 0, 1, -5},
+                 {"inactive", 0, 0, -5}, {"bogus", 1, 0, -5}, {"fail 5", 1, 0, -5},
+                 {"ok", 0, 0, 0},        {"active", 0, 1, 0}, {"status", 0, 1, 0}};
     for (const Step& step : steps) {
+        SCOPED_TRACE(step.command != nullptr ? step.command : "(start)");
         if (step.command != nullptr) {
-            ASSERT_EQ(Control(step.command), 0);
+            EXPECT_EQ(Control(step.command), step.exit_code);
         }
+        EXPECT_EQ(ubo_is_active(session_), step.active);
         EXPECT_EQ(Send("TaviChargerDetectPdHardReset", event), step.code);
     }
 }

@@ -1,266 +1,116 @@
 #include "event_decoder.h"
 
-#include <math.h>
-#include <stdint.h>
-#include <string.h>
-
-#include <algorithm>
+#include <map>
+#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
-
-#include "json_lines.h"
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/unknown_field_set.h>
 
 namespace vendor::vesk::tavi::sim {
 namespace {
 
-using android::base::StringPrintf;
+using google::protobuf::DescriptorProto;
 using google::protobuf::FieldDescriptor;
+using google::protobuf::FieldDescriptorProto;
+using google::protobuf::Message;
+using google::protobuf::Reflection;
+using google::protobuf::UnknownField;
+using google::protobuf::UnknownFieldSet;
 
-enum WireType : uint32_t { kVarint = 0, kFixed64 = 1, kDelimited = 2, kFixed32 = 5 };
-
-class WireReader {
-  public:
-    explicit WireReader(std::string_view data) : data_(data) {}
-    bool AtEnd() const { return position_ == data_.size(); }
-    size_t position() const { return position_; }
-
-    bool Varint(uint64_t* value) {
-        uint64_t result = 0;
-        for (int shift = 0; shift < 64 && position_ < data_.size(); shift += 7) {
-            uint8_t byte = static_cast<uint8_t>(data_[position_++]);
-            result |= static_cast<uint64_t>(byte & 0x7f) << shift;
-            if ((byte & 0x80) == 0) {
-                *value = result;
-                return true;
-            }
-        }
-        return false;
+// Every enumeration field becomes an int32 with the same number and wire type.
+void PlainEnums(DescriptorProto* message) {
+    for (FieldDescriptorProto& field : *message->mutable_field()) {
+        if (field.type() != FieldDescriptorProto::TYPE_ENUM) continue;
+        field.set_type(FieldDescriptorProto::TYPE_INT32);
+        field.clear_type_name();
+        field.clear_default_value();
     }
-
-    bool Fixed(size_t size, uint64_t* value) {
-        if (data_.size() - position_ < size) return false;
-        uint64_t result = 0;
-        for (size_t i = size; i-- > 0;) {
-            result = (result << 8) | static_cast<uint8_t>(data_[position_ + i]);
-        }
-        position_ += size;
-        *value = result;
-        return true;
-    }
-
-    bool Delimited(std::string_view* value) {
-        uint64_t size;
-        if (!Varint(&size) || size > data_.size() - position_) return false;
-        *value = data_.substr(position_, size);
-        position_ += size;
-        return true;
-    }
-
-  private:
-    std::string_view data_;
-    size_t position_ = 0;
-};
-
-struct Rendered {
-    std::string json;
-    std::string text;
-};
-
-Rendered Same(const std::string& value) {
-    return {value, value};
+    for (DescriptorProto& nested : *message->mutable_nested_type()) PlainEnums(&nested);
 }
 
-uint32_t WireTypeOf(FieldDescriptor::Type type) {
-    switch (type) {
-        case FieldDescriptor::TYPE_DOUBLE:
-        case FieldDescriptor::TYPE_FIXED64:
-        case FieldDescriptor::TYPE_SFIXED64:
-            return kFixed64;
-        case FieldDescriptor::TYPE_FLOAT:
-        case FieldDescriptor::TYPE_FIXED32:
-        case FieldDescriptor::TYPE_SFIXED32:
-            return kFixed32;
-        case FieldDescriptor::TYPE_STRING:
-        case FieldDescriptor::TYPE_BYTES:
-        case FieldDescriptor::TYPE_MESSAGE:
-        case FieldDescriptor::TYPE_GROUP:
-            return kDelimited;
-        default:
-            return kVarint;
-    }
-}
-
-Rendered RenderFloating(double value, int digits) {
-    if (!isfinite(value)) return {"null", StringPrintf("%g", value)};
-    return Same(StringPrintf("%.*g", digits, value));
-}
-
-Rendered RenderEnum(const FieldDescriptor* field, int32_t number) {
-    const auto* value = field->enum_type()->FindValueByNumber(number);
-    std::string text = std::to_string(number);
-    if (value != nullptr) text += " (" + value->name() + ")";
-    return {std::to_string(number), text};
-}
-
-Rendered RenderVarint(const FieldDescriptor* field, uint64_t raw) {
-    switch (field->type()) {
-        case FieldDescriptor::TYPE_INT32:
-            return Same(std::to_string(static_cast<int32_t>(raw)));
-        case FieldDescriptor::TYPE_UINT32:
-            return Same(std::to_string(static_cast<uint32_t>(raw)));
-        case FieldDescriptor::TYPE_UINT64:
-            return Same(std::to_string(raw));
-        case FieldDescriptor::TYPE_SINT32: {
-            uint32_t zigzag = static_cast<uint32_t>(raw);
-            return Same(std::to_string(static_cast<int32_t>(zigzag >> 1) ^
-                                       -static_cast<int32_t>(zigzag & 1)));
-        }
-        case FieldDescriptor::TYPE_SINT64:
-            return Same(std::to_string(static_cast<int64_t>(raw >> 1) ^
-                                       -static_cast<int64_t>(raw & 1)));
-        case FieldDescriptor::TYPE_BOOL:
-            return Same(raw != 0 ? "true" : "false");
-        case FieldDescriptor::TYPE_ENUM:
-            return RenderEnum(field, static_cast<int32_t>(raw));
-        default:
-            return Same(std::to_string(static_cast<int64_t>(raw)));
-    }
-}
-
-Rendered RenderFixed(const FieldDescriptor* field, uint64_t raw) {
-    switch (field->type()) {
-        case FieldDescriptor::TYPE_SFIXED32:
-            return Same(std::to_string(static_cast<int32_t>(raw)));
-        case FieldDescriptor::TYPE_SFIXED64:
-            return Same(std::to_string(static_cast<int64_t>(raw)));
-        case FieldDescriptor::TYPE_FLOAT: {
-            float value;
-            uint32_t bits = static_cast<uint32_t>(raw);
-            memcpy(&value, &bits, sizeof(value));
-            return RenderFloating(value, 9);
-        }
-        case FieldDescriptor::TYPE_DOUBLE: {
-            double value;
-            memcpy(&value, &raw, sizeof(value));
-            return RenderFloating(value, 17);
+// One value of a declared field; bytes (and nested messages) are shown as hex.
+Json Value(const Message& message, const FieldDescriptor* field, int index) {
+    const Reflection* reflection = message.GetReflection();
+    bool repeated = field->is_repeated();
+#define TAVI_GET(Type)                                               \
+    (repeated ? reflection->GetRepeated##Type(message, field, index) \
+              : reflection->Get##Type(message, field))
+    switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32:
+            return TAVI_GET(Int32);
+        case FieldDescriptor::CPPTYPE_INT64:
+            return TAVI_GET(Int64);
+        case FieldDescriptor::CPPTYPE_UINT32:
+            return TAVI_GET(UInt32);
+        case FieldDescriptor::CPPTYPE_UINT64:
+            return TAVI_GET(UInt64);
+        case FieldDescriptor::CPPTYPE_BOOL:
+            return TAVI_GET(Bool);
+        case FieldDescriptor::CPPTYPE_FLOAT:
+            return TAVI_GET(Float);
+        case FieldDescriptor::CPPTYPE_DOUBLE:
+            return TAVI_GET(Double);
+        case FieldDescriptor::CPPTYPE_STRING: {
+            std::string bytes = TAVI_GET(String);
+            return field->type() == FieldDescriptor::TYPE_STRING ? bytes : CompactHex(bytes);
         }
         default:
-            return Same(std::to_string(raw));
+            return CompactHex(TAVI_GET(Message).SerializeAsString());
     }
+#undef TAVI_GET
 }
 
-Rendered RenderDelimited(const FieldDescriptor* field, std::string_view bytes) {
-    if (field != nullptr && field->type() == FieldDescriptor::TYPE_STRING) {
-        return Same(JsonQuote(bytes));
-    }
-    return Same(JsonQuote(CompactHex(bytes)));
-}
-
-void AddValue(DecodedEvent* event, const FieldDescriptor* field, uint32_t number, Rendered value) {
-    std::string name = field != nullptr ? field->name() : std::to_string(number);
-    auto it = std::find_if(event->fields.begin(), event->fields.end(),
-                           [&name](const DecodedField& seen) { return seen.name == name; });
-    if (it == event->fields.end()) {
-        it = event->fields.insert(it, DecodedField{});
-        it->name = name;
-        it->repeated = field != nullptr && field->is_repeated();
-    } else if (field != nullptr && !field->is_repeated()) {
-        // A singular field sent twice: the last value is the one a parser keeps.
-        it->json_values.clear();
-        it->text_values.clear();
-    }
-    it->json_values.push_back(std::move(value.json));
-    it->text_values.push_back(std::move(value.text));
-}
-
-// One value of the given wire type; field is null for a field the schema does not declare.
-bool DecodeValue(WireReader* reader, const FieldDescriptor* field, uint32_t number,
-                 uint32_t wire_type, DecodedEvent* event) {
-    uint64_t raw;
-    switch (wire_type) {
-        case kVarint:
-            if (!reader->Varint(&raw)) return false;
-            AddValue(event, field, number,
-                     field ? RenderVarint(field, raw)
-                           : Same(std::to_string(static_cast<int64_t>(raw))));
-            return true;
-        case kFixed32:
-        case kFixed64:
-            if (!reader->Fixed(wire_type == kFixed32 ? 4 : 8, &raw)) return false;
-            AddValue(event, field, number,
-                     field ? RenderFixed(field, raw) : Same(std::to_string(raw)));
-            return true;
-        case kDelimited: {
-            std::string_view bytes;
-            if (!reader->Delimited(&bytes)) return false;
-            AddValue(event, field, number, RenderDelimited(field, bytes));
-            return true;
-        }
+// As it was on the wire: a varint as a signed 64-bit number, fixed ones unsigned.
+Json UnknownValue(const UnknownField& field) {
+    switch (field.type()) {
+        case UnknownField::TYPE_VARINT:
+            return static_cast<int64_t>(field.varint());
+        case UnknownField::TYPE_FIXED32:
+            return field.fixed32();
+        case UnknownField::TYPE_FIXED64:
+            return field.fixed64();
+        case UnknownField::TYPE_LENGTH_DELIMITED:
+            return CompactHex(field.length_delimited());
         default:
-            // Groups and the reserved wire types: nothing in the schema uses them.
-            return false;
+            return "group";
     }
 }
 
-bool DecodePacked(WireReader* reader, const FieldDescriptor* field, DecodedEvent* event) {
-    std::string_view bytes;
-    if (!reader->Delimited(&bytes)) return false;
-    WireReader elements(bytes);
-    while (!elements.AtEnd()) {
-        if (!DecodeValue(&elements, field, field->number(), WireTypeOf(field->type()), event)) {
-            return false;
-        }
+// Adds one field's values to both forms; a single value of a field not declared repeated is
+// shown bare.
+void Add(DecodedEvent* event, const std::string& name, const Json& values, bool repeated,
+         const FieldDescriptor* declared) {
+    std::vector<std::string> texts;
+    for (const Json& value : values) {
+        std::string text = Dump(value);
+        const auto* named = declared != nullptr && declared->enum_type() != nullptr
+                                    ? declared->enum_type()->FindValueByNumber(value.get<int>())
+                                    : nullptr;
+        if (named != nullptr) text += " (" + named->name() + ")";
+        texts.push_back(std::move(text));
     }
-    return true;
+    bool list = repeated || values.size() > 1;
+    event->fields[name] = list ? values : values[0];
+    if (event->text.size() > 1) event->text += ", ";
+    event->text += name + ": ";
+    event->text += list ? "[" + android::base::Join(texts, ", ") + "]" : texts[0];
 }
 
-bool DecodeField(WireReader* reader, const FieldDescriptor* field, uint32_t number,
-                 uint32_t wire_type, DecodedEvent* event) {
-    if (field != nullptr && field->is_packable() && wire_type == kDelimited) {
-        return DecodePacked(reader, field, event);
+void AddUnknown(DecodedEvent* event, const UnknownFieldSet& unknown) {
+    std::map<int, Json> by_number;
+    for (int i = 0; i < unknown.field_count(); ++i) {
+        by_number[unknown.field(i).number()].push_back(UnknownValue(unknown.field(i)));
     }
-    // A declared field sent with another wire type is shown by number, as unknown.
-    if (field != nullptr && WireTypeOf(field->type()) != wire_type) field = nullptr;
-    return DecodeValue(reader, field, number, wire_type, event);
-}
-
-std::string Hex(std::string_view bytes, const char* format, const char* separator) {
-    std::string hex;
-    for (char byte : bytes) {
-        if (!hex.empty()) hex += separator;
-        hex += StringPrintf(format, static_cast<uint8_t>(byte));
+    for (const auto& [number, values] : by_number) {
+        Add(event, std::to_string(number), values, false, nullptr);
     }
-    return hex;
-}
-
-// The same layout for both forms; only quoting and spacing differ.
-std::string Render(const std::vector<DecodedField>& fields, bool json) {
-    const char* separator = json ? "," : ", ";
-    std::string out = "{";
-    for (const DecodedField& field : fields) {
-        if (out.size() > 1) out += separator;
-        out += json ? JsonQuote(field.name) + ":" : field.name + ": ";
-        const std::vector<std::string>& values = json ? field.json_values : field.text_values;
-        bool list = field.repeated || values.size() > 1;
-        if (list) out += "[";
-        out += android::base::Join(values, separator);
-        if (list) out += "]";
-    }
-    return out + "}";
 }
 
 }  // namespace
-
-std::string DecodedEvent::Text() const {
-    return Render(fields, false);
-}
-
-std::string DecodedEvent::Json() const {
-    return Render(fields, true);
-}
 
 void EventDecoder::ErrorCollector::AddError(const std::string& filename, int line, int column,
                                             const std::string& message) {
@@ -282,40 +132,69 @@ std::unique_ptr<EventDecoder> EventDecoder::Load(const std::string& proto_path) 
         LOG(ERROR) << "Cannot load the event schema " << proto_path;
         return nullptr;
     }
+    google::protobuf::FileDescriptorProto plain;
+    decoder->file_->CopyTo(&plain);
+    for (DescriptorProto& message : *plain.mutable_message_type()) PlainEnums(&message);
+    decoder->plain_file_ = decoder->plain_pool_.BuildFile(plain);
+    if (decoder->plain_file_ == nullptr) {
+        LOG(ERROR) << "Cannot rebuild the event schema " << proto_path;
+        return nullptr;
+    }
     return decoder;
 }
 
-DecodedEvent EventDecoder::Decode(std::string_view probe, std::string_view payload) const {
+DecodedEvent EventDecoder::Decode(std::string_view probe, std::string_view payload) {
     DecodedEvent event;
-    const auto* message = file_->FindMessageTypeByName(std::string(probe));
-    event.known_probe = message != nullptr;
-    WireReader reader(payload);
-    while (!reader.AtEnd()) {
-        size_t start = reader.position();
-        uint64_t tag = 0;
-        bool tag_read = reader.Varint(&tag);
-        uint32_t number = static_cast<uint32_t>(tag >> 3);
-        if (!tag_read || number == 0 || tag > UINT32_MAX) {
-            event.error = StringPrintf("invalid tag at byte %zu", start);
-            break;
+    event.text = "{";
+    const auto* message_type = file_->FindMessageTypeByName(std::string(probe));
+    event.known_probe = message_type != nullptr;
+    if (message_type == nullptr) {
+        // Nothing declared: every field is shown by its number.
+        UnknownFieldSet unknown;
+        if (!unknown.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
+            event.error = "not a protocol-buffers message";
         }
-        uint32_t wire_type = static_cast<uint32_t>(tag & 7);
-        const auto* field = message != nullptr ? message->FindFieldByNumber(number) : nullptr;
-        if (!DecodeField(&reader, field, number, wire_type, &event)) {
-            event.error = StringPrintf("field %u (wire type %u) at byte %zu cannot be decoded",
-                                       number, wire_type, start);
-            break;
-        }
+        AddUnknown(&event, unknown);
+        event.text += "}";
+        return event;
     }
+    std::unique_ptr<Message> message(
+            factory_.GetPrototype(plain_file_->FindMessageTypeByName(message_type->name()))->New());
+    if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
+        event.error = "does not parse as " + message_type->name();
+    }
+    const Reflection* reflection = message->GetReflection();
+    std::vector<const FieldDescriptor*> fields;
+    reflection->ListFields(*message, &fields);
+    for (const FieldDescriptor* field : fields) {
+        Json values = Json::array();
+        int count = field->is_repeated() ? reflection->FieldSize(*message, field) : 1;
+        for (int i = 0; i < count; ++i) values.push_back(Value(*message, field, i));
+        Add(&event, field->name(), values, field->is_repeated(),
+            message_type->FindFieldByNumber(field->number()));
+    }
+    AddUnknown(&event, reflection->GetUnknownFields(*message));
+    event.text += "}";
     return event;
 }
 
 std::string SpacedHex(std::string_view bytes) {
-    return Hex(bytes, "%02X", " ");
+    std::string hex;
+    for (char byte : bytes) {
+        if (!hex.empty()) hex += ' ';
+        hex += android::base::StringPrintf("%02X", static_cast<uint8_t>(byte));
+    }
+    return hex;
 }
 
 std::string CompactHex(std::string_view bytes) {
-    return Hex(bytes, "%02x", "");
+    std::string hex;
+    for (char byte : bytes) hex += android::base::StringPrintf("%02x", static_cast<uint8_t>(byte));
+    return hex;
+}
+
+std::string Dump(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace vendor::vesk::tavi::sim

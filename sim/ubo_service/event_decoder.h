@@ -4,35 +4,25 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <google/protobuf/compiler/importer.h>
 #include <google/protobuf/descriptor.h>
+#include <google/protobuf/dynamic_message.h>
+#include <nlohmann/json.hpp>
 
 namespace vendor::vesk::tavi::sim {
 
-struct DecodedField {
-    // The schema's field name, or the field number when the schema does not declare it (or
-    // declares it with another wire type).
-    std::string name;
-    // Declared repeated: always shown as a list.
-    bool repeated = false;
-    // Each value rendered twice: as JSON (enums as numbers) and as text (enums with their name).
-    std::vector<std::string> json_values;
-    std::vector<std::string> text_values;
-};
+using Json = nlohmann::ordered_json;
 
 struct DecodedEvent {
     bool known_probe = false;
-    // In order of first appearance on the wire.
-    std::vector<DecodedField> fields;
-    // Empty when the whole payload decoded; otherwise what stopped the walk.
-    std::string error;
-
+    // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by number, then the others
+    // by their number.
+    Json fields = Json::object();
     // {log_level: 2 (LOG_LEVEL_2), error_code: 3002 (CHARGER_DETECT_SOC_FREEZE), param1: -1}
-    std::string Text() const;
-    // {"log_level":2,"error_code":3002,"param1":-1}
-    std::string Json() const;
+    std::string text;
+    // Empty when the whole payload parsed.
+    std::string error;
 };
 
 class EventDecoder {
@@ -42,9 +32,9 @@ class EventDecoder {
     EventDecoder(const EventDecoder&) = delete;
     EventDecoder& operator=(const EventDecoder&) = delete;
 
-    // Walks the wire bytes without the schema's parsing rules, so that values a parser would
-    // drop (undeclared enum numbers, unknown fields) are shown as sent.
-    DecodedEvent Decode(std::string_view probe, std::string_view payload) const;
+    // Shows values a schema-true parser would drop (undeclared enum numbers, unknown fields)
+    // as they were sent.
+    DecodedEvent Decode(std::string_view probe, std::string_view payload);
 
   private:
     class ErrorCollector : public google::protobuf::compiler::MultiFileErrorCollector {
@@ -59,11 +49,18 @@ class EventDecoder {
     ErrorCollector errors_;
     std::unique_ptr<google::protobuf::compiler::Importer> importer_;
     const google::protobuf::FileDescriptor* file_ = nullptr;
+    // The schema with every enumeration field turned into a plain int32: the parser then keeps
+    // an undeclared number in its field instead of moving it to the unknown fields.
+    google::protobuf::DescriptorPool plain_pool_;
+    const google::protobuf::FileDescriptor* plain_file_ = nullptr;
+    google::protobuf::DynamicMessageFactory factory_;
 };
 
 // "08 02 10 BA 17" for the text line.
 std::string SpacedHex(std::string_view bytes);
 // "080210ba17" for the JSON record.
 std::string CompactHex(std::string_view bytes);
+// A JSON value as text; bytes that are not UTF-8 are replaced rather than failing.
+std::string Dump(const Json& value);
 
 }  // namespace vendor::vesk::tavi::sim

@@ -1,6 +1,7 @@
 #include "simulator.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <math.h>
 #include <signal.h>
 #include <stdio.h>
@@ -11,6 +12,7 @@
 #include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <utility>
@@ -39,6 +41,12 @@ void Say(const std::string& line) {
     fputs(line.c_str(), stdout);
     fputc('\n', stdout);
     (void)fflush(stdout);  // a lost progress line is no reason to stop serving
+}
+
+unique_fd OpenLog(const std::string& path) {
+    unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (fd < 0) PLOG(ERROR) << "open(" << path << ") failed";
+    return fd;
 }
 
 bool ToAddress(const std::string& path, sockaddr_un* address) {
@@ -77,7 +85,7 @@ bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
     return true;
 }
 
-unique_fd Listen(const std::string& path) {
+unique_fd Listen(const std::string& path, int type) {
     sockaddr_un address;
     if (!ToAddress(path, &address)) return {};
     std::string directory = android::base::Dirname(path);
@@ -86,7 +94,7 @@ unique_fd Listen(const std::string& path) {
         return {};
     }
     if (!RemoveStaleSocket(path, address)) return {};
-    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    unique_fd fd(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
         listen(fd, kListenBacklog) < 0) {
         PLOG(ERROR) << "Cannot listen on " << path;
@@ -97,7 +105,7 @@ unique_fd Listen(const std::string& path) {
 
 // Replies are a few bytes and every client waits for each one, so a reply that does not fit
 // into the socket at once means a misbehaving peer.
-bool SendAll(int fd, const std::string& data) {
+bool SendAll(int fd, std::string_view data) {
     ssize_t sent;
     do {
         sent = send(fd, data.data(), data.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -145,7 +153,7 @@ std::string EventLine(int64_t seq, int32_t session, std::string_view source, std
     std::string line =
             StringPrintf("event #%lld session %d source=", static_cast<long long>(seq), session);
     line.append(source).append(" probe=").append(probe);
-    line += " rc=" + std::to_string(code) + " " + event.Text();
+    line += " rc=" + std::to_string(code) + " " + event.text;
     if (!event.known_probe) line += " [unknown probe]";
     if (!event.error.empty()) line += " [malformed: " + event.error + "]";
     if (!active) line += " [service inactive]";
@@ -164,7 +172,10 @@ Simulator::~Simulator() {
 }
 
 bool Simulator::Start() {
-    if (!log_.Open(options_.events_path)) return false;
+    if (!options_.events_path.empty()) {
+        log_fd_ = OpenLog(options_.events_path);
+        if (log_fd_ < 0) return false;
+    }
     epoll_fd_.reset(epoll_create1(EPOLL_CLOEXEC));
     if (epoll_fd_ < 0) {
         PLOG(ERROR) << "epoll_create1() failed";
@@ -182,9 +193,9 @@ bool Simulator::Start() {
         PLOG(ERROR) << "signalfd() failed";
         return false;
     }
-    session_listener_ = Listen(options_.socket_path);
+    session_listener_ = Listen(options_.socket_path, SOCK_SEQPACKET);
     if (session_listener_ < 0) return false;
-    control_listener_ = Listen(options_.control_path);
+    control_listener_ = Listen(options_.control_path, SOCK_STREAM);
     if (control_listener_ < 0) return false;
 
     active_ = options_.active || options_.active_after_seconds == 0;
@@ -202,10 +213,11 @@ bool Simulator::Start() {
         if (fd >= 0 && !Watch(fd)) return false;
     }
     Say(start_line);
-    log_.Append(JsonLinesLog::Record("started")
-                        .AddString("socket", options_.socket_path)
-                        .AddString("control", options_.control_path)
-                        .AddBool("active", active_));
+    Json record = Record("started");
+    record["socket"] = options_.socket_path;
+    record["control"] = options_.control_path;
+    record["active"] = active_;
+    Log(record);
     return true;
 }
 
@@ -268,10 +280,12 @@ void Simulator::ServePeer(int fd) {
     // Dropped earlier in the same batch of events.
     if (it == peers_.end()) return;
     Peer& peer = it->second;
+    if (peer.kind == PeerKind::kSession) {
+        if (!ServeSession(&peer)) DropPeer(fd);
+        return;
+    }
     bool at_end = !ReadInput(&peer);
-    bool keep = peer.kind == PeerKind::kSession ? HandleSessionInput(&peer)
-                                                : HandleControlInput(&peer, at_end);
-    if (!keep || at_end) DropPeer(fd);
+    if (!HandleControlInput(&peer, at_end) || at_end) DropPeer(fd);
 }
 
 bool Simulator::ReadInput(Peer* peer) {
@@ -288,101 +302,99 @@ bool Simulator::ReadInput(Peer* peer) {
     }
 }
 
-bool Simulator::HandleSessionInput(Peer* peer) {
-    while (peer->input.size() >= protocol::kLengthSize) {
-        uint32_t size = protocol::LoadU32(peer->input);
-        if (size == 0 || size > protocol::kMaxBodySize) {
-            LOG(WARNING) << "Dropping a client that sent a frame of " << size << " bytes";
+bool Simulator::ServeSession(Peer* peer) {
+    // One more byte than any request may have, to tell an oversized one from a full one.
+    static char packet[protocol::kMaxPacketSize + 1];
+    while (true) {
+        ssize_t n = recv(peer->fd, packet, sizeof(packet), 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+        // Requests are never empty: nothing read is the hang-up.
+        if (n == 0) return false;
+        protocol::Request request;
+        if (static_cast<size_t>(n) > protocol::kMaxPacketSize ||
+            !request.ParseFromArray(packet, static_cast<int>(n))) {
+            LOG(WARNING) << "Dropping a client that sent a malformed request of " << n << " bytes";
             return false;
         }
-        if (peer->input.size() < protocol::kLengthSize + size) break;
-        std::string body = peer->input.substr(protocol::kLengthSize, size);
-        peer->input.erase(0, protocol::kLengthSize + size);
-        if (!HandleRequest(peer, body)) return false;
+        if (!HandleRequest(peer, request)) return false;
     }
-    return true;
 }
 
-bool Simulator::HandleRequest(Peer* peer, std::string_view body) {
-    protocol::FrameReader request(body);
-    protocol::Kind kind{};
-    request.ReadKind(&kind);
-    if ((peer->session_id == 0) != (kind == protocol::Kind::kHello)) {
-        LOG(WARNING) << "Dropping a client that sent request " << static_cast<int>(kind)
+bool Simulator::HandleRequest(Peer* peer, const protocol::Request& request) {
+    bool hello = request.has_hello();
+    if ((peer->session_id == 0) != hello) {
+        LOG(WARNING) << "Dropping a client that sent request " << request.kind_case()
                      << (peer->session_id == 0 ? " before" : " after") << " its hello";
         return false;
     }
-    std::optional<int32_t> reply;
-    switch (kind) {
-        case protocol::Kind::kHello:
-            reply = OpenSession(peer, &request);
+    protocol::Reply reply;
+    switch (request.kind_case()) {
+        case protocol::Request::kHello:
+            reply.set_value(OpenSession(peer, request.hello()));
             break;
-        case protocol::Kind::kIsActive:
-            if (request.AtEnd()) reply = active_ ? 1 : 0;
+        case protocol::Request::kIsActive:
+            reply.set_value(active_ ? 1 : 0);
             break;
-        case protocol::Kind::kAddEvent:
-            reply = AddEvent(*peer, &request);
+        case protocol::Request::kAddEvent:
+            reply.set_value(AddEvent(*peer, request.add_event()));
             break;
-        case protocol::Kind::kClose:
-            if (request.AtEnd()) reply = 0;
+        case protocol::Request::kClose:
+            CloseSession(peer);
+            reply.set_value(0);
             break;
+        case protocol::Request::KIND_NOT_SET:
+            LOG(WARNING) << "Dropping a client that sent an empty request";
+            return false;
     }
-    if (!reply) {
-        LOG(WARNING) << "Dropping a client that sent a malformed request "
-                     << static_cast<int>(kind);
-        return false;
-    }
-    if (kind == protocol::Kind::kClose) CloseSession(peer);
-    if (!SendAll(peer->fd, protocol::FrameWriter(kind).I32(*reply).Finish())) return false;
-    return kind != protocol::Kind::kClose && peer->session_id > 0;
+    if (!SendAll(peer->fd, reply.SerializeAsString())) return false;
+    return !request.has_close() && peer->session_id > 0;
 }
 
-std::optional<int32_t> Simulator::OpenSession(Peer* peer, protocol::FrameReader* request) {
-    uint32_t version;
-    if (!request->ReadU32(&version) || !request->AtEnd()) return std::nullopt;
-    if (version != protocol::kVersion) {
-        LOG(WARNING) << "Refusing a client of protocol version " << version;
+int32_t Simulator::OpenSession(Peer* peer, const protocol::Hello& hello) {
+    if (hello.version() != protocol::kVersion) {
+        LOG(WARNING) << "Refusing a client of protocol version " << hello.version();
         return -EPROTONOSUPPORT;
     }
     int32_t pid = PeerPid(peer->fd);
     if (refuse_sessions_) {
         ++sessions_refused_;
         Say(StringPrintf("ubo_sim: session refused (pid %d)", pid));
-        log_.Append(JsonLinesLog::Record("session_refused").AddInt("pid", pid));
+        Json record = Record("session_refused");
+        record["pid"] = pid;
+        Log(record);
         return -ECONNREFUSED;
     }
     peer->session_id = ++last_session_id_;
     ++sessions_open_;
     Say(StringPrintf("ubo_sim: session %d created (pid %d)", peer->session_id, pid));
-    log_.Append(JsonLinesLog::Record("session_created")
-                        .AddInt("session", peer->session_id)
-                        .AddInt("pid", pid));
+    Json record = Record("session_created");
+    record["session"] = peer->session_id;
+    record["pid"] = pid;
+    Log(record);
     return peer->session_id;
 }
 
-std::optional<int32_t> Simulator::AddEvent(const Peer& peer, protocol::FrameReader* request) {
-    std::string_view source, probe, payload;
-    if (!request->ReadBytes(&source) || !request->ReadBytes(&probe) ||
-        !request->ReadBytes(&payload) || !request->AtEnd()) {
-        return std::nullopt;
-    }
+int32_t Simulator::AddEvent(const Peer& peer, const protocol::AddEvent& request) {
     int64_t seq = ++events_;
     int32_t code = add_event_code_;
-    DecodedEvent event = decoder_->Decode(probe, payload);
-    Say(EventLine(seq, peer.session_id, source, probe, code, event, active_, payload));
-    JsonObject record = JsonLinesLog::Record("event");
-    record.AddInt("seq", seq)
-            .AddInt("session", peer.session_id)
-            .AddString("source", source)
-            .AddString("probe", probe)
-            .AddBool("known_probe", event.known_probe)
-            .AddBool("active", active_)
-            .AddInt("rc", code)
-            .AddInt("size", static_cast<int64_t>(payload.size()))
-            .AddString("payload_hex", CompactHex(payload))
-            .AddRaw("fields", event.Json());
-    if (!event.error.empty()) record.AddString("decode_error", event.error);
-    log_.Append(record);
+    const std::string& payload = request.payload();
+    DecodedEvent event = decoder_->Decode(request.probe(), payload);
+    Say(EventLine(seq, peer.session_id, request.source(), request.probe(), code, event, active_,
+                  payload));
+    Json record = Record("event");
+    record["seq"] = seq;
+    record["session"] = peer.session_id;
+    record["source"] = request.source();
+    record["probe"] = request.probe();
+    record["known_probe"] = event.known_probe;
+    record["active"] = active_;
+    record["rc"] = code;
+    record["size"] = payload.size();
+    record["payload_hex"] = CompactHex(payload);
+    record["fields"] = std::move(event.fields);
+    if (!event.error.empty()) record["decode_error"] = event.error;
+    Log(record);
     return code;
 }
 
@@ -391,7 +403,9 @@ void Simulator::CloseSession(Peer* peer) {
     --sessions_open_;
     ++sessions_closed_;
     Say(StringPrintf("ubo_sim: session %d destroyed", peer->session_id));
-    log_.Append(JsonLinesLog::Record("session_destroyed").AddInt("session", peer->session_id));
+    Json record = Record("session_destroyed");
+    record["session"] = peer->session_id;
+    Log(record);
 }
 
 void Simulator::DropPeer(int fd) {
@@ -402,7 +416,9 @@ void Simulator::DropPeer(int fd) {
         --sessions_open_;
         ++sessions_lost_;
         Say(StringPrintf("ubo_sim: session %d lost (closed without ubo_destroy)", peer.session_id));
-        log_.Append(JsonLinesLog::Record("session_lost").AddInt("session", peer.session_id));
+        Json record = Record("session_lost");
+        record["session"] = peer.session_id;
+        Log(record);
     }
     // Closing the descriptor also takes it out of the epoll set.
     peers_.erase(it);
@@ -469,14 +485,19 @@ void Simulator::SetActive(bool active, std::string_view cause) {
     if (active_ == active) return;
     active_ = active;
     Say(active ? "ubo_sim: service active" : "ubo_sim: service inactive");
-    log_.Append(JsonLinesLog::Record("state").AddBool("active", active).AddString("cause", cause));
+    Json record = Record("state");
+    record["active"] = active;
+    record["cause"] = std::string(cause);
+    Log(record);
 }
 
 void Simulator::SetAddEventCode(int32_t code) {
     if (add_event_code_ == code) return;
     add_event_code_ = code;
     Say("ubo_sim: add_event returns " + std::to_string(code));
-    log_.Append(JsonLinesLog::Record("add_event_rc").AddInt("rc", code));
+    Json record = Record("add_event_rc");
+    record["rc"] = code;
+    Log(record);
 }
 
 void Simulator::OnTimer() {
@@ -490,8 +511,27 @@ bool Simulator::OnSignal() {
     if (read(signal_fd_, &info, sizeof(info)) != sizeof(info)) return false;
     int signal_number = static_cast<int>(info.ssi_signo);
     Say(StringPrintf("ubo_sim: stopping on %s", strsignal(signal_number)));
-    log_.Append(JsonLinesLog::Record("stopped").AddInt("signal", signal_number));
+    Json record = Record("stopped");
+    record["signal"] = signal_number;
+    Log(record);
     return true;
+}
+
+Json Simulator::Record(std::string_view kind) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    Json record = Json::object();
+    record["kind"] = std::string(kind);
+    record["time"] = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+    return record;
+}
+
+void Simulator::Log(const Json& record) {
+    if (log_fd_ < 0) return;
+    // One write per line: with O_APPEND the line lands whole.
+    if (!android::base::WriteStringToFd(Dump(record) + "\n", log_fd_)) {
+        PLOG(ERROR) << "writing the event log failed";
+    }
 }
 
 }  // namespace vendor::vesk::tavi::sim

@@ -13,7 +13,6 @@
 #include <android-base/unique_fd.h>
 
 #include "event_decoder.h"
-#include "json_lines.h"
 #include "ubo_protocol.h"
 
 namespace vendor::vesk::tavi::sim {
@@ -21,7 +20,7 @@ namespace vendor::vesk::tavi::sim {
 struct SimulatorOptions {
     std::string socket_path;
     std::string control_path;
-    // Empty: no JSON-lines log.
+    // Empty: no event log (one JSON record a line).
     std::string events_path;
     bool active = false;
     // Becomes active this many seconds after start; negative: only on command.
@@ -48,6 +47,7 @@ class Simulator {
     struct Peer {
         PeerKind kind = PeerKind::kSession;
         android::base::unique_fd fd;
+        // A control command still arriving.
         std::string input;
         // 0 until the hello.
         int32_t session_id = 0;
@@ -59,15 +59,19 @@ class Simulator {
     void AcceptPeers(int listener, PeerKind kind);
     void ServePeer(int fd);
     bool ReadInput(Peer* peer);
-    bool HandleSessionInput(Peer* peer);
-    bool HandleRequest(Peer* peer, std::string_view body);
-    // Each returns the reply's value, or nothing for a malformed request.
-    std::optional<int32_t> OpenSession(Peer* peer, ubo_protocol::FrameReader* request);
-    std::optional<int32_t> AddEvent(const Peer& peer, ubo_protocol::FrameReader* request);
+    // False once the peer is to be dropped: hung up, closed or misbehaving.
+    bool ServeSession(Peer* peer);
+    bool HandleRequest(Peer* peer, const ubo_protocol::Request& request);
+    int32_t OpenSession(Peer* peer, const ubo_protocol::Hello& hello);
+    int32_t AddEvent(const Peer& peer, const ubo_protocol::AddEvent& request);
     void CloseSession(Peer* peer);
     bool HandleControlInput(Peer* peer, bool at_end);
     std::string RunCommand(const std::string& line);
     std::string Status() const;
+    // Starts a record with its kind and the wall-clock time in seconds.
+    static Json Record(std::string_view kind);
+    // Each record is written whole, so that a reader tailing the log never sees half a line.
+    void Log(const Json& record);
     void DropPeer(int fd);
     void SetActive(bool active, std::string_view cause);
     void SetAddEventCode(int32_t code);
@@ -76,7 +80,7 @@ class Simulator {
 
     SimulatorOptions options_;
     std::unique_ptr<EventDecoder> decoder_;
-    JsonLinesLog log_;
+    android::base::unique_fd log_fd_;
     android::base::unique_fd epoll_fd_;
     android::base::unique_fd session_listener_;
     android::base::unique_fd control_listener_;
