@@ -138,18 +138,23 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
     if (with_attribute) {
         if (std::string failure = attribute_.Start(); !failure.empty()) return failure;
     }
+    if (std::string failure = RestartService(service_active); !failure.empty()) return failure;
+    with_attribute_ = with_attribute;
+    return StartDaemon();
+}
+
+std::string SimulatedDevice::RestartService(bool active) {
+    if (service_ > 0) StopProcess(service_, SIGTERM);
     const std::string socket = dir_ + "/ubo.sock";
     std::vector<std::string> service = {UBO_SIM_BINARY, "--socket", socket, "--events",
                                         dir_ + "/events.jsonl"};
-    if (service_active) service.push_back("--active");
+    if (active) service.push_back("--active");
     service_ = Spawn(service, {}, dir_ + "/service.out");
     auto listening = [this] {
         return ReadText(dir_ + "/service.out").find("listening") != std::string::npos;
     };
     if (service_ < 0 || !WaitUntil(listening, 5s)) return "ubo_sim did not listen on " + socket;
-
-    with_attribute_ = with_attribute;
-    return StartDaemon();
+    return "";
 }
 
 std::string SimulatedDevice::StartDaemon() {

@@ -47,7 +47,8 @@ class SimulatedDevice {
     // Starts the daemon again after the previous one ended, on the same attribute, service and
     // persist folder, with a fresh log: "" or the reason.
     std::string StartDaemon();
-    pid_t DaemonPid() const { return daemon_; }
+    // Stops the event service (if it runs) and starts a new one: "" or the reason.
+    std::string RestartService(bool active);
 
     bool Inject(const std::string& record) const { return attribute_.Inject(record); }
     bool SetServiceActive(bool active) const {

@@ -175,6 +175,24 @@ TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
     EXPECT_EQ(ReadFile(device_.CachePath()), Entries(1, 0, 128));
 }
 
+// The session is opened once per run: a service restarted under the daemon never hears from
+// it again, and every record is cached, 128 at most, until the stop.
+TEST_F(FaultTest, ServiceRestartedUnderTheDaemon) {
+    ASSERT_EQ(device_.Start(true), "");
+    ASSERT_TRUE(device_.WaitForLogLine(
+            "poll() is interrupted by a client, calling interrupt callback", 10s));
+    InjectBatch(0, 1, kSent, 1);
+    ASSERT_EQ(device_.RestartService(true), "");
+    InjectBatch(1, 130, kStored, 130);
+    ASSERT_TRUE(device_.WaitForLinesStartingWith(kCacheFull, 2, 10s));
+    ASSERT_TRUE(device_.Signal(SIGTERM));
+    ExpectExit(0);
+    // 131 records: 1 delivered, 128 in the file, 2 over the cap.
+    EXPECT_EQ(device_.CountRecords("event"), 1u);
+    EXPECT_EQ(Count(kCacheFull), 2u);
+    EXPECT_EQ(ReadFile(device_.CachePath()), Entries(1, 0, 128));
+}
+
 // Every stop with the service down adds its records to the file; the run that finds the
 // service takes the oldest 128 and logs every other entry as over the cap.
 TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
