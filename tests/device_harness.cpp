@@ -222,8 +222,9 @@ std::vector<LogLine> SimulatedDevice::LinesReading(const std::string& text) {
 
 size_t SimulatedDevice::CountLinesStartingWith(const std::string& prefix) {
     size_t count = 0;
-    for (const LogLine& line : LogLines())
-        count += line.text.compare(0, prefix.size(), prefix) == 0;
+    for (const LogLine& line : LogLines()) {
+        if (line.text.compare(0, prefix.size(), prefix) == 0) ++count;
+    }
     return count;
 }
 

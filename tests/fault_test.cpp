@@ -211,17 +211,22 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
         ASSERT_EQ(ReadFile(device_.CachePath()), expected);
     }
 
-    ASSERT_TRUE(device_.SetServiceActive(true));
+    // The last run caches 10 of its own before the service comes up.
     ASSERT_EQ(device_.StartDaemon(), "");
+    InjectBatch(kRuns, 10, kStored, 10);
+    ASSERT_TRUE(device_.SetServiceActive(true));
     ASSERT_TRUE(device_.WaitForLogLine(kFlushEnded, 10s));
-    // 300 entries: the first run's 100 and 28 of the second delivered, 172 lost.
-    EXPECT_EQ(Count(kCacheFull), 172u);
+    // 310 records: this run's 10, the first run's 100 and 18 of the second delivered, 182 lost.
+    EXPECT_EQ(Count(kCacheFull), 182u);
     EXPECT_EQ(device_.CountRecords("event"), 128u);
     EXPECT_EQ(Count(kSent), 128u);
     for (int index = 0; index < kPerRun; ++index) {
         EXPECT_EQ(device_.LinesReading(kSent + TextForm(0, index)).size(), 1u);
-        if (index < 28) {
+        if (index < 18) {
             EXPECT_EQ(device_.LinesReading(kSent + TextForm(1, index)).size(), 1u);
+        }
+        if (index < 10) {
+            EXPECT_EQ(device_.LinesReading(kSent + TextForm(kRuns, index)).size(), 1u);
         }
     }
     EXPECT_FALSE(Exists(device_.CachePath()));
@@ -231,7 +236,8 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
 // timeout) can leave the old file, the new one, an empty one or one cut short.
 TEST_F(FaultTest, SigkillDuringALargeSave) {
     const char* tries_setting = getenv("TAVI_SIGKILL_TRIES");
-    const int tries = tries_setting != nullptr ? atoi(tries_setting) : 20;
+    const int tries =
+            tries_setting != nullptr ? static_cast<int>(strtol(tries_setting, nullptr, 10)) : 20;
     // An earlier run's file of 1,000 entries, 1,023,890 bytes: close to the ceiling.
     std::string old_file;
     for (int index = 0; index < 1000; ++index) old_file += Entry(9, index, std::string(1000, 'x'));
