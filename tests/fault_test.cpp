@@ -125,8 +125,8 @@ class FaultTest : public ::testing::Test {
 
     // A stop while the service is down: the save, the end line, then the process waits for
     // the service until init's shutdown timeout ends it.
-    void StopWhileServiceDown() {
-        ASSERT_TRUE(device_.Signal(SIGTERM));
+    void StopWhileServiceDown(int signal_number = SIGTERM) {
+        ASSERT_TRUE(device_.Signal(signal_number));
         ASSERT_TRUE(device_.WaitForLogLine(kEnded, 10s));
         ASSERT_TRUE(device_.DaemonAlive());
         ASSERT_TRUE(device_.Signal(SIGKILL));
@@ -200,7 +200,7 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
             ASSERT_EQ(device_.StartDaemon(), "");
         }
         InjectBatch(run, kPerRun, kStored, kPerRun);
-        StopWhileServiceDown();
+        StopWhileServiceDown(run == 1 ? SIGINT : SIGTERM);
         EXPECT_EQ(device_.LinesReading(kSaved).size(), 1u);
         std::string expected;
         for (int batch = 0; batch <= run; ++batch) expected += Entries(batch, 0, kPerRun);
