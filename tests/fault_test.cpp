@@ -233,7 +233,7 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
 TEST_F(FaultTest, SigkillDuringALargeSave) {
     const char* tries_setting = getenv("TAVI_SIGKILL_TRIES");
     const int tries =
-            tries_setting != nullptr ? static_cast<int>(strtol(tries_setting, nullptr, 10)) : 20;
+            tries_setting != nullptr ? static_cast<int>(strtol(tries_setting, nullptr, 10)) : 15;
     // An earlier run's file of 1,000 entries, 1,023,890 bytes: close to the ceiling.
     std::string old_file;
     for (int index = 0; index < 1000; ++index) old_file += Entry(9, index, std::string(1000, 'x'));
