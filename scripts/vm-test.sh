@@ -74,22 +74,22 @@ kernel_abi() {
 # Puts one package (NAME:ARCH as apt names it) into the download cache unless a file there
 # already has the SHA256 that the package index gives; prints the file's path.
 cached_package() {
-    local spec=$1 sha file
-    sha=$(apt-cache show --no-all-versions "$spec" 2>/dev/null | sed -n 's/^SHA256: //p' | head -n 1)
-    [[ -n "$sha" ]] || die "the package index has no $spec"
-    for file in "$cache_dir/${spec%%:*}"_*.deb; do
+    local package=$1 sha file
+    sha=$(apt-cache show --no-all-versions "$package" 2>/dev/null | sed -n 's/^SHA256: //p' | head -n 1)
+    [[ -n "$sha" ]] || die "the package index has no $package"
+    for file in "$cache_dir/${package%%:*}"_*.deb; do
         [[ -f "$file" ]] || continue
         [[ $(sha256sum <"$file" | cut -d' ' -f1) == "$sha" ]] && { echo "$file"; return 0; }
     done
-    say "downloading $spec" >&2
+    say "downloading $package" >&2
     local part="$cache_dir/partial.$$"
     rm -rf "$part"
     mkdir -p "$part"
-    (cd "$part" && quiet apt-get -o APT::Sandbox::User=root download "$spec") ||
-        die "cannot download $spec"
+    (cd "$part" && quiet apt-get -o APT::Sandbox::User=root download "$package") ||
+        die "cannot download $package"
     for file in "$part"/*.deb; do
         # A file cut short by an earlier, interrupted run never reaches the cache.
-        [[ $(sha256sum <"$file" | cut -d' ' -f1) == "$sha" ]] || die "$spec: SHA256 differs"
+        [[ $(sha256sum <"$file" | cut -d' ' -f1) == "$sha" ]] || die "$package: SHA256 differs"
         mv "$file" "$cache_dir/"
         echo "$cache_dir/$(basename "$file")"
     done
@@ -106,12 +106,12 @@ fetch_kernel() {
         sed -n 's/^ *Depends: \(linux-kbuild-[0-9.]*\)$/\1/p' | head -n 1) || true
     [[ -n "$kbuild" ]] || die "cannot tell the kbuild package of linux-headers-$abi-amd64"
     mkdir -p "$cache_dir"
-    local host_arch spec file files=()
+    local host_arch package file files=()
     host_arch=$(dpkg --print-architecture)
     # The kbuild tools run on this machine, so they are of the host's architecture.
-    for spec in "linux-image-$abi-$deb_arch:$deb_arch" "linux-headers-$abi-$deb_arch:$deb_arch" \
+    for package in "linux-image-$abi-$deb_arch:$deb_arch" "linux-headers-$abi-$deb_arch:$deb_arch" \
         "linux-headers-$abi-common:all" "$kbuild:$host_arch" "busybox-static:$deb_arch"; do
-        file=$(cached_package "${spec%:all}") || exit 1
+        file=$(cached_package "${package%:all}") || exit 1
         files+=("$file")
     done
     rm -rf "$dir"
