@@ -50,8 +50,11 @@ pid_t Spawn(std::vector<std::string> args, std::vector<std::string> env,
     dup2(output.get(), STDERR_FILENO);
     const rlimit no_core = {0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    (void)signal(SIGINT, SIG_DFL);
-    (void)signal(SIGTERM, SIG_DFL);
+    // Every disposition at its default, as init leaves it: a signal ignored here would never
+    // reach the daemon.
+    for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
+        (void)signal(signal_number, SIG_DFL);
+    }
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -135,34 +138,48 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
     if (with_attribute) {
         if (std::string failure = attribute_.Start(); !failure.empty()) return failure;
     }
+    if (std::string failure = RestartService(service_active); !failure.empty()) return failure;
+    with_attribute_ = with_attribute;
+    return StartDaemon();
+}
+
+std::string SimulatedDevice::RestartService(bool active) {
+    if (service_ > 0) StopProcess(service_, SIGTERM);
     const std::string socket = dir_ + "/ubo.sock";
     std::vector<std::string> service = {UBO_SIM_BINARY, "--socket", socket, "--events",
                                         dir_ + "/events.jsonl"};
-    if (service_active) service.push_back("--active");
+    if (active) service.push_back("--active");
     service_ = Spawn(service, {}, dir_ + "/service.out");
     auto listening = [this] {
         return ReadText(dir_ + "/service.out").find("listening") != std::string::npos;
     };
     if (service_ < 0 || !WaitUntil(listening, 5s)) return "ubo_sim did not listen on " + socket;
+    return "";
+}
 
+std::string SimulatedDevice::StartDaemon() {
+    if (DaemonAlive()) return "the previous daemon still runs";
     std::vector<std::string> daemon = {TAVI_NS_EXEC, "--persist", PersistDir()};
-    if (with_attribute) {
+    if (with_attribute_) {
         daemon.insert(daemon.end(), {"--log", attribute_.LogPath()});
     } else {
         daemon.push_back("--no-attribute");
     }
     daemon.insert(daemon.end(), {"--", TAVI_DAEMON_BINARY});
-    daemon_ = Spawn(daemon, {"UBO_SIM_SOCKET=" + socket}, dir_ + "/daemon.log");
+    daemon_status_.reset();
+    log_lines_.clear();
+    log_bytes_read_ = 0;
+    daemon_ = Spawn(daemon, {"UBO_SIM_SOCKET=" + dir_ + "/ubo.sock"}, dir_ + "/daemon.log");
     // Without the attribute the poll loop never starts; the first line is all there is.
-    const std::string started = with_attribute ? "poll() loop starting" : "tavi_daemon starting";
+    const std::string started = with_attribute_ ? "poll() loop starting" : "tavi_daemon starting";
     if (daemon_ < 0 || !WaitForLogLine(started, 5s)) return "the daemon did not log " + started;
     return "";
 }
 
-bool SimulatedDevice::SetServiceActive(bool active) const {
-    return RunToSuccess(
-            {UBO_SIMCTL_BINARY, "--socket", dir_ + "/ubo.sock", active ? "active" : "inactive"},
-            dir_ + "/simctl.out");
+bool SimulatedDevice::ServiceControl(const std::vector<std::string>& command) const {
+    std::vector<std::string> args = {UBO_SIMCTL_BINARY, "--socket", dir_ + "/ubo.sock"};
+    args.insert(args.end(), command.begin(), command.end());
+    return RunToSuccess(args, dir_ + "/simctl.out");
 }
 
 bool SimulatedDevice::Signal(int signal_number) const {
@@ -201,6 +218,19 @@ std::vector<LogLine> SimulatedDevice::LinesReading(const std::string& text) {
         if (line.text == text) matching.push_back(line);
     }
     return matching;
+}
+
+size_t SimulatedDevice::CountLinesStartingWith(const std::string& prefix) {
+    size_t count = 0;
+    for (const LogLine& line : LogLines()) {
+        if (line.text.compare(0, prefix.size(), prefix) == 0) ++count;
+    }
+    return count;
+}
+
+bool SimulatedDevice::WaitForLinesStartingWith(const std::string& prefix, size_t count,
+                                               milliseconds timeout) {
+    return WaitUntil([&] { return CountLinesStartingWith(prefix) >= count; }, timeout);
 }
 
 int SimulatedDevice::LineIndex(const std::string& text) {

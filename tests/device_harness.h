@@ -44,8 +44,18 @@ class SimulatedDevice {
     // Starts the attribute (if wanted), the service and the daemon: "" or the reason.
     std::string Start(bool service_active, bool with_attribute = true);
 
+    // Starts the daemon again after the previous one ended, on the same attribute, service and
+    // persist folder, with a fresh log: "" or the reason.
+    std::string StartDaemon();
+    // Stops the event service (if it runs) and starts a new one: "" or the reason.
+    std::string RestartService(bool active);
+
     bool Inject(const std::string& record) const { return attribute_.Inject(record); }
-    bool SetServiceActive(bool active) const;
+    bool SetServiceActive(bool active) const {
+        return ServiceControl({active ? "active" : "inactive"});
+    }
+    // One ubo_simctl command, e.g. {"fail", "-5"}.
+    bool ServiceControl(const std::vector<std::string>& command) const;
     bool Signal(int signal_number) const;
     bool DaemonAlive();
     // The daemon's wait status once it has ended within `timeout`.
@@ -56,6 +66,9 @@ class SimulatedDevice {
     bool WaitForRecords(const std::string& kind, size_t count, std::chrono::milliseconds timeout);
     const std::vector<LogLine>& LogLines();
     std::vector<LogLine> LinesReading(const std::string& text);
+    size_t CountLinesStartingWith(const std::string& prefix);
+    bool WaitForLinesStartingWith(const std::string& prefix, size_t count,
+                                  std::chrono::milliseconds timeout);
     // Position of the first line reading `text`, or -1.
     int LineIndex(const std::string& text);
 
@@ -74,6 +87,7 @@ class SimulatedDevice {
     std::string dir_ = temp_.path;
     SysfsEmulator attribute_;
     pid_t service_ = -1;
+    bool with_attribute_ = true;
     pid_t daemon_ = -1;
     std::optional<int> daemon_status_;
     size_t log_bytes_read_ = 0;
