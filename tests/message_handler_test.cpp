@@ -64,8 +64,8 @@ class MessageHandlerTest : public ::testing::Test {
         return cached;
     }
     void StartOver() {
-        fake_ubo::Reset();
-        fake_ubo::SetActive(1);
+        fake_ubo::script = {};
+        fake_ubo::script.active_after = 1;
         log_.Clear();
     }
 
@@ -97,7 +97,7 @@ TEST_F(MessageHandlerTest, EachLogRecordBelongsToOneHandlerAtMost) {
         }
         if (c.handler >= 0) continue;
         Deliver(c.message);
-        EXPECT_EQ(fake_ubo::Calls().size(), 0u) << TextForm(c.message);
+        EXPECT_EQ(fake_ubo::script.calls.size(), 0u) << TextForm(c.message);
         EXPECT_EQ(log_.Texts(), Lines{});
         EXPECT_EQ(Cached().size(), 0u);
     }
@@ -115,7 +115,6 @@ TEST_F(MessageHandlerTest, ActiveServiceGetsEveryEventWithAllFields) {
              "08 02 10 E9 07 18 05"},
             {Record(3, 0, 2000, 0, 1, 1, 1), "TaviDisplayShort", "08 00 10 D0 0F 18 00"},
             {Record(3, 7, 5, -4), "TaviDisplayShort", "08 07 10 05 18 01"},
-            {Record(3, 1, 0, 1), "TaviDisplayShort", "08 01 10 00 18 01"},
             {Record(4, 1, 3000, 0, -2, 3, 4), "TaviChargerDetectInvalidBattery",
              "08 01 10 B8 17 18 00 20 FE FF FF FF FF FF FF FF FF 01"},
             {Record(4, 1, 3001, 1, 2, 3, 4), "TaviChargerDetectPdHardReset",
@@ -129,7 +128,7 @@ TEST_F(MessageHandlerTest, ActiveServiceGetsEveryEventWithAllFields) {
     for (const auto& c : cases) {
         StartOver();
         Deliver(c.message);
-        const auto calls = fake_ubo::Calls();
+        const auto calls = fake_ubo::script.calls;
         ASSERT_EQ(calls.size(), 2u) << c.probe;
         EXPECT_EQ(calls[0].call, Call::kIsActive);
         EXPECT_EQ(calls[0].session, fake_ubo::Session(1));
@@ -150,7 +149,7 @@ TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
             Record(1, 1, 1, 2, 3, 4, 5), Record(2, 1, 1002), Record(3, 2, 2000, 1), Record(2, 1, 0),
             Record(4, 1, 2999),          Record(4, 1, 3005), Record(4, 1, 3001, 1),
     };
-    fake_ubo::QueueActive({0, -1, 0, -7, 0, INT32_MIN, 0});
+    fake_ubo::script.active = {0, -1, 0, -7, 0, INT32_MIN, 0};
     for (const auto& message : records) Deliver(message);
     EXPECT_EQ(log_.Texts(INFO), Logged("Store the message in the cache: ", records));
     EXPECT_EQ(log_.Texts().size(), 2 * records.size());
@@ -160,7 +159,7 @@ TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
     std::vector<Message> cached = Cached();
     EXPECT_EQ(testing::TextForms(cached), testing::TextForms(records));
     StartOver();
-    fake_ubo::SetActive(2);  // any positive answer means active
+    fake_ubo::script.active_after = 2;  // any positive answer means active
     for (const auto& message : cached) Deliver(message);
     EXPECT_EQ(log_.Texts(ERROR),
               Logged("Failed to pack the massage: ",
@@ -175,7 +174,7 @@ TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
 
 TEST_F(MessageHandlerTest, RefusedEventIsLoggedAndLost) {
     const Message display = Record(3, 1, 2000, 1);
-    fake_ubo::SetAddEvent(-5);
+    fake_ubo::script.add_event = -5;
     Deliver(display);
     Lines expected = Logged("Send the message to UBO: ", {display});
     expected.push_back("ubo_add_event() for TaviDisplayShort probe failed with return code -5");
