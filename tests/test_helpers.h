@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 #include <string>
@@ -21,6 +22,13 @@ inline std::vector<std::string> TextForms(const std::vector<Message>& messages) 
     texts.reserve(messages.size());
     for (const auto& message : messages) texts.push_back(TextForm(message));
     return texts;
+}
+
+// A cache record from its eight numbers, "0,4,3,3001,0,-5,0,0", and its text.
+inline std::string CacheRecord(const std::string& numbers, const std::string& text = "") {
+    std::string record = numbers + ',';
+    std::replace(record.begin(), record.end(), ',', '\0');
+    return record + text;
 }
 
 // "08 01 10 B9": upper-case bytes separated by blanks.
