@@ -1,6 +1,5 @@
 #include "log_capture.h"
 
-#include <algorithm>
 #include <mutex>
 #include <utility>
 
@@ -37,11 +36,6 @@ std::vector<std::string> LogCapture::Texts(std::optional<LogSeverity> severity) 
         if (!severity || line_severity == *severity) texts.push_back(text);
     }
     return texts;
-}
-
-size_t LogCapture::Count(const std::string& text) const {
-    auto texts = Texts();
-    return std::count(texts.begin(), texts.end(), text);
 }
 
 void LogCapture::Clear() {

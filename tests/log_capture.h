@@ -20,7 +20,6 @@ class LogCapture {
     // Texts in order: every one, or only those of `severity`.
     std::vector<std::string> Texts(
             std::optional<android::base::LogSeverity> severity = std::nullopt) const;
-    size_t Count(const std::string& text) const;
     void Clear();
 };
 

@@ -25,10 +25,10 @@ namespace {
 
 using android::base::ERROR;
 using android::base::INFO;
-using android::base::LogSeverity;
 using android::base::ReadFileToString;
 using android::base::WriteStringToFile;
 using testing::CacheRecord;
+using testing::Drain;
 using testing::LogCapture;
 using testing::TextForms;
 using Lines = std::vector<std::string>;
@@ -46,12 +46,6 @@ std::string Entry(const Message& message) {
     std::string record;
     message.SerializeToString(&record);
     return record + kTerminator;
-}
-
-std::vector<Message> Drain(MessageCache& cache) {
-    std::vector<Message> out;
-    cache.Restore(out);
-    return out;
 }
 
 // Root reads any file through CAP_DAC_OVERRIDE / CAP_DAC_READ_SEARCH; dropping both from this
@@ -169,13 +163,12 @@ TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
         size_t existing_size;
         std::vector<std::string> texts;  // a record is 16 bytes plus its text
         size_t entries_written;
-        size_t file_size;
     };
     const Case cases[] = {
-            {"entry ends exactly at the ceiling", 1048557, {""}, 1, 1048576},
-            {"one byte more is refused", 1048558, {""}, 0, 1048558},
-            {"later smaller messages are not tried", 1048538, {"", "abcdefghij", ""}, 1, 1048557},
-            {"oversized file is rewritten as it is", 1048580, {""}, 0, 1048580},
+            {"entry ends exactly at the ceiling", 1048557, {""}, 1},
+            {"one byte more is refused", 1048558, {""}, 0},
+            {"later smaller messages are not tried", 1048538, {"", "abcdefghij", ""}, 1},
+            {"oversized file is rewritten as it is", 1048580, {""}, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -184,10 +177,8 @@ TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
         MessageCache cache(128);
         std::vector<Message> messages;
         for (const auto& text : c.texts) {
-            Message message;
-            message.message = text;
-            messages.push_back(message);
-            cache.Store(message);
+            messages.push_back({LOG, 0, 0, 0, 0, 0, 0, 0, text});
+            cache.Store(messages.back());
         }
         capture_.Clear();
 
@@ -195,58 +186,34 @@ TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
         std::string expected = existing;
         for (size_t i = 0; i < c.entries_written; ++i) expected += Entry(messages[i]);
         const std::string content = ReadCacheFile();
-        EXPECT_EQ(content.size(), c.file_size);
+        EXPECT_EQ(content.size(), expected.size());
         EXPECT_TRUE(content == expected);
         Lines lines{"Saved the cache to " + path_};
-        if (c.entries_written < messages.size())
+        if (c.entries_written < messages.size()) {
             lines.insert(lines.begin(),
                          "The cache file size reaches the limit(1048576 bytes), "
                          "ignoring the remaining messages");
+        }
         EXPECT_EQ(capture_.Texts(INFO), lines);
         EXPECT_EQ(capture_.Texts().size(), lines.size());
         EXPECT_TRUE(Drain(cache).empty());
     }
 }
 
+// Entries are cut at each terminator, even one inside a text; empty pieces are skipped, a
+// bad record is logged and passed over, an unterminated last record is read.
 TEST_F(MessageCacheTest, LoadSkipsBadRecordsAndGoesOn) {
-    const std::string nine_fields = CacheRecord("1,2,3,4,5,6,7,8", "tail");
-    const Message tail{DEBUG_LOG, 2, 3, 4, 5, 6, 7, 8, "tail"};
-
-    struct Case {
-        const char* name;
-        std::string content;
-        std::vector<Message> loaded;
-        Lines errors;
-    };
-    const Case cases[] = {
-            {"text holding the terminator cuts its entry",
-             Entry(MakeMessage(1, "ab" + kTerminator + "cd")),
-             {MakeMessage(1, "ab")},
-             {"Failed to deserialize: cd"}},
-            {"cut-off tail with nine fields is a record of its own",
-             Entry(MakeMessage(1, "ab" + kTerminator + nine_fields)),
-             {MakeMessage(1, "ab"), tail},
-             {}},
-            {"garbage between good entries",
-             Entry(MakeMessage(1)) + "garbage" + kTerminator + Entry(MakeMessage(2)),
-             {MakeMessage(1), MakeMessage(2)},
-             {"Failed to deserialize: garbage"}},
-            {"empty pieces are skipped, an unterminated last record is read",
-             kTerminator + kTerminator + kChargerRecord,
-             {kChargerMessage},
-             {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        WriteCacheFile(c.content);
-        capture_.Clear();
-        MessageCache cache(128);
-        ASSERT_TRUE(cache.Load(path_));
-        EXPECT_FALSE(CacheFileExists());
-        EXPECT_EQ(TextForms(Drain(cache)), TextForms(c.loaded));
-        EXPECT_EQ(capture_.Texts(ERROR), c.errors);
-        EXPECT_EQ(capture_.Texts(INFO), Lines{"Loaded the cache from " + path_});
-    }
+    const std::string tail = CacheRecord("1,2,3,4,5,6,7,8", "tail");
+    WriteCacheFile(Entry(MakeMessage(1, "ab" + kTerminator + tail)) + kTerminator + "garbage" +
+                   kTerminator + kChargerRecord);
+    MessageCache cache(128);
+    ASSERT_TRUE(cache.Load(path_));
+    EXPECT_FALSE(CacheFileExists());
+    EXPECT_EQ(TextForms(Drain(cache)), TextForms({MakeMessage(1, "ab"),
+                                                  {DEBUG_LOG, 2, 3, 4, 5, 6, 7, 8, "tail"},
+                                                  kChargerMessage}));
+    EXPECT_EQ(capture_.Texts(),
+              (Lines{"Failed to deserialize: garbage", "Loaded the cache from " + path_}));
 }
 
 TEST_F(MessageCacheTest, LoadKeepsOnlyCapacityAndDeletesTheFile) {
@@ -261,8 +228,7 @@ TEST_F(MessageCacheTest, LoadKeepsOnlyCapacityAndDeletesTheFile) {
     MessageCache cache(128);
     ASSERT_TRUE(cache.Load(path_));
     EXPECT_FALSE(CacheFileExists());
-    EXPECT_EQ(capture_.Count("Cache size limit, ignoring"), 72u);
-    EXPECT_EQ(capture_.Texts(ERROR).size(), 72u);
+    EXPECT_EQ(capture_.Texts(ERROR), Lines(72, "Cache size limit, ignoring"));
     EXPECT_EQ(TextForms(Drain(cache)), TextForms(first));
 }
 
@@ -277,37 +243,28 @@ TEST_F(MessageCacheTest, LoadDeletesTheFileBeforeReadingIt) {
 // Paths that are not a plain readable file: both operations fail and leave the folder as found.
 TEST_F(MessageCacheTest, UnusablePathsAreLeftAlone) {
     const std::string target = dir_ + "/target.bin";
-    const std::string load_not_found = "The cache file not found, stop loading the cache";
-    const std::string load_failed = "Failed to load the cache to " + path_;
-    const std::string read_failed =
-            "Failed to read the existing cache from " + path_ + ", stop saving the cache";
-    const std::string save_failed = "Failed to save the cache to " + path_;
-    struct Case {
+    // What FileExist sees decides the lines: a file Load cannot read, or none at all.
+    const struct {
         const char* name;
         std::function<void()> setup;
+        bool seen_as_file;
         bool unreadable;
-        LogSeverity load_severity;
-        std::string load_line;
-        std::string save_line;
-    };
-    const Case cases[] = {
+    } cases[] = {
             {"symbolic link to a regular file",
              [&] {
                  ASSERT_TRUE(WriteStringToFile(Entry(MakeMessage(1)), target));
                  ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
              },
-             false, ERROR, load_failed, read_failed},
+             true, false},
             {"dangling symbolic link",
-             [&] { ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0); }, false, INFO,
-             load_not_found, save_failed},
-            {"directory", [&] { ASSERT_EQ(mkdir(path_.c_str(), 0700), 0); }, false, INFO,
-             load_not_found, save_failed},
+             [&] { ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0); }, false, false},
+            {"directory", [&] { ASSERT_EQ(mkdir(path_.c_str(), 0700), 0); }, false, false},
             {"unreadable regular file",
              [&] {
                  WriteCacheFile(Entry(MakeMessage(1)));
                  ASSERT_EQ(chmod(path_.c_str(), 0200), 0);  // writable, so Save could overwrite
              },
-             true, ERROR, load_failed, read_failed},
+             true, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -327,13 +284,19 @@ TEST_F(MessageCacheTest, UnusablePathsAreLeftAlone) {
                 ASSERT_FALSE(ReadFileToString(path_, &content)) << "file is still readable";
             }
             EXPECT_FALSE(cache.Load(path_));
-            EXPECT_EQ(capture_.Texts(c.load_severity), Lines{c.load_line});
+            EXPECT_EQ(capture_.Texts(c.seen_as_file ? ERROR : INFO),
+                      Lines{c.seen_as_file ? "Failed to load the cache to " + path_
+                                           : "The cache file not found, stop loading the cache"});
             EXPECT_EQ(capture_.Texts().size(), 1u);
 
             cache.Store(MakeMessage(5));
             capture_.Clear();
             EXPECT_FALSE(cache.Save(path_));
-            EXPECT_THAT(capture_.Texts(ERROR), ::testing::Contains(c.save_line));
+            EXPECT_THAT(
+                    capture_.Texts(ERROR),
+                    ::testing::Contains(c.seen_as_file ? "Failed to read the existing cache from " +
+                                                                 path_ + ", stop saving the cache"
+                                                       : "Failed to save the cache to " + path_));
         }
         EXPECT_EQ(TextForms(Drain(cache)), TextForms({MakeMessage(5)}));
         EXPECT_EQ(Snapshot(), before);

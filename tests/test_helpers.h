@@ -1,12 +1,14 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdio>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <android-base/stringprintf.h>
+
 #include "message.h"
+#include "message_cache.h"
 
 namespace vendor::vesk::tavi::testing {
 
@@ -24,6 +26,13 @@ inline std::vector<std::string> TextForms(const std::vector<Message>& messages) 
     return texts;
 }
 
+// Takes every message the cache holds.
+inline std::vector<Message> Drain(MessageCache& cache) {
+    std::vector<Message> out;
+    cache.Restore(out);
+    return out;
+}
+
 // A cache record from its eight numbers, "0,4,3,3001,0,-5,0,0", and its text.
 inline std::string CacheRecord(const std::string& numbers, const std::string& text = "") {
     std::string record = numbers + ',';
@@ -35,9 +44,7 @@ inline std::string CacheRecord(const std::string& numbers, const std::string& te
 inline std::string Hex(const std::string& bytes) {
     std::string hex;
     for (unsigned char byte : bytes) {
-        char digits[4];
-        (void)snprintf(digits, sizeof(digits), "%s%02X", hex.empty() ? "" : " ", byte);
-        hex += digits;
+        hex += android::base::StringPrintf(hex.empty() ? "%02X" : " %02X", byte);
     }
     return hex;
 }
