@@ -33,12 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!accepted) return 0;
     if (!SameMessage(message, *expected.message)) Fail("fields differ from the record");
 
-    std::string written, rewritten;
+    std::string written;
     if (!message.SerializeToString(&written)) Fail("serialize returned false");
     Message reread;
     if (!reread.DeserializeFromString(written)) Fail("written record does not read back");
     if (!SameMessage(reread, message)) Fail("record changed across write and read");
-    reread.SerializeToString(&rewritten);
-    if (rewritten != written) Fail("second write differs from the first");
     return 0;
 }

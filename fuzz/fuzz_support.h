@@ -3,6 +3,7 @@
 // Independent readers of the two text formats. A number outside int32 ends the daemon by
 // design (the conversion's own error), so the targets keep such inputs away from it.
 
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -26,21 +27,14 @@ inline bool IsAsciiDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// Value of an optional '-' and one or more digits, or nothing when it does not fit in int32.
+// Value of an optional '-' and one or more digits, or nothing when it does not fit in int32
+// (callers check the form first). Read by from_chars, not the daemon's strtol-based stoi.
 inline std::optional<int32_t> Int32Value(std::string_view text) {
-    const bool negative = !text.empty() && text[0] == '-';
-    if (negative) text.remove_prefix(1);
-    while (text.size() > 1 && text[0] == '0') text.remove_prefix(1);
-    // Eleven significant digits exceed any int32; ten fit in int64 for the exact test.
-    if (text.empty() || text.size() > 10) return std::nullopt;
-    int64_t value = 0;
-    for (char c : text) {
-        if (!IsAsciiDigit(c)) return std::nullopt;
-        value = value * 10 + (c - '0');
-    }
-    if (negative) value = -value;
-    if (value < INT32_MIN || value > INT32_MAX) return std::nullopt;
-    return static_cast<int32_t>(value);
+    int32_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end) return std::nullopt;
+    return value;
 }
 
 // What a base-10 string-to-int takes from a piece that starts with a digit.

@@ -29,23 +29,11 @@ constexpr char kRejectPrefix[] = "Failed to parse the string for MessageType LOG
 // The listener never passes more than one page minus the terminating NUL.
 constexpr size_t kMaxRecordSize = 4095;
 
-struct CapturedLog {
+// Lines logged for the current input, and whether every one of them was an error.
+struct {
     std::vector<std::string> lines;
     bool only_errors = true;
-};
-
-CapturedLog& Captured() {
-    static CapturedLog captured;
-    return captured;
-}
-
-void CaptureLogs() {
-    android::base::SetLogger([](android::base::LogId, android::base::LogSeverity severity,
-                                const char*, const char*, unsigned int, const char* text) {
-        Captured().lines.emplace_back(text);
-        if (severity != android::base::ERROR) Captured().only_errors = false;
-    });
-}
+} g_log;
 
 // The record a caller hands in, with values the parser must either overwrite or keep.
 const Message kSentinel = {
@@ -63,7 +51,11 @@ std::vector<std::string> ExpectedLines(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    CaptureLogs();
+    android::base::SetLogger([](android::base::LogId, android::base::LogSeverity severity,
+                                const char*, const char*, unsigned int, const char* text) {
+        g_log.lines.emplace_back(text);
+        g_log.only_errors = g_log.only_errors && severity == android::base::ERROR;
+    });
     return 0;
 }
 
@@ -80,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
 
-    Captured() = CapturedLog{};
+    g_log = {};
     Message parsed = kSentinel;
     const bool accepted = ParseSysfsLogValue(text, parsed);
     if (accepted != expected) {
@@ -89,8 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (!accepted) {
         if (!SameMessage(parsed, kSentinel)) Fail("rejected line changed the record");
-        if (!Captured().only_errors) Fail("reject logged below ERROR");
-        if (Captured().lines != ExpectedLines(kRejectPrefix + text)) Fail("reject line differs");
+        if (!g_log.only_errors) Fail("reject logged below ERROR");
+        if (g_log.lines != ExpectedLines(kRejectPrefix + text)) Fail("reject line differs");
         return 0;
     }
     if (parsed.type != vendor::vesk::tavi::LOG) Fail("type is not LOG");
@@ -100,6 +92,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < 7; ++i) {
         if (fields[i] != *Int32Value(groups[i + 1].str())) Fail("field value differs");
     }
-    if (!Captured().lines.empty()) Fail("accepted line logged");
+    if (!g_log.lines.empty()) Fail("accepted line logged");
     return 0;
 }

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
 #include "ubo.h"
 
-// Scripted, thread-safe stand-in for libubo.so in the unit tests: every call is recorded;
-// results come from a per-call script, then a fixed value.
+// Scripted stand-in for libubo.so in the unit tests: every call is recorded; results come
+// from the script, which a test sets directly (single-threaded use only).
 namespace vendor::vesk::tavi::testing::fake_ubo {
 
 enum class Call { kCreate, kIsActive, kAddEvent, kDestroy };
@@ -21,20 +22,20 @@ struct Record {
     std::string payload{};
 };
 
+struct Script {
+    std::deque<ubo_session_t*> create;  // results of the next creates; then null
+    std::deque<int32_t> active;         // of the next is_active calls on a non-null session;
+    int32_t active_after = 0;           // then this (a null session is always inactive)
+    int32_t add_event = 0;
+    std::vector<Record> calls;
+};
+
+// Reset by assigning `Script{}`.
+extern Script script;
+
 // A distinct handle for each `n`; never dereferenced.
 ubo_session_t* Session(int n = 1);
 
-// Forgets every call and script: create gives null, is_active 0 and add_event 0.
-void Reset();
-
-// Results of the next calls, in order; once used up, the fixed one (for create: null).
-void QueueCreate(std::vector<ubo_session_t*> results);
-void QueueActive(std::vector<int32_t> results);
-// Answer for a non-null session; a null session is always inactive, as the real library.
-void SetActive(int32_t result);
-void SetAddEvent(int32_t result);
-
-std::vector<Record> Calls();
 std::vector<Record> Calls(Call call);
 
 }  // namespace vendor::vesk::tavi::testing::fake_ubo

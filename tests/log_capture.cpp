@@ -1,18 +1,20 @@
 #include "log_capture.h"
 
-#include <algorithm>
 #include <mutex>
+#include <utility>
 
 namespace vendor::vesk::tavi::testing {
 namespace {
 
-std::mutex g_mutex;
-std::vector<LogLine> g_lines;
+using android::base::LogSeverity;
 
-void CaptureLogger(android::base::LogId, android::base::LogSeverity severity, const char*,
-                   const char*, unsigned int, const char* message) {
+std::mutex g_mutex;
+std::vector<std::pair<LogSeverity, std::string>> g_lines;
+
+void CaptureLogger(android::base::LogId, LogSeverity severity, const char*, const char*,
+                   unsigned int, const char* message) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_lines.push_back({severity, message});
+    g_lines.emplace_back(severity, message);
 }
 
 }  // namespace
@@ -27,28 +29,13 @@ LogCapture::~LogCapture() {
     android::base::SetLogger(android::base::StderrLogger);
 }
 
-std::vector<LogLine> LogCapture::Lines() const {
+std::vector<std::string> LogCapture::Texts(std::optional<LogSeverity> severity) const {
     std::lock_guard<std::mutex> lock(g_mutex);
-    return g_lines;
-}
-
-std::vector<std::string> LogCapture::Texts() const {
     std::vector<std::string> texts;
-    for (const auto& line : Lines()) texts.push_back(line.text);
-    return texts;
-}
-
-std::vector<std::string> LogCapture::Texts(android::base::LogSeverity severity) const {
-    std::vector<std::string> texts;
-    for (const auto& line : Lines()) {
-        if (line.severity == severity) texts.push_back(line.text);
+    for (const auto& [line_severity, text] : g_lines) {
+        if (!severity || line_severity == *severity) texts.push_back(text);
     }
     return texts;
-}
-
-size_t LogCapture::Count(const std::string& text) const {
-    auto texts = Texts();
-    return std::count(texts.begin(), texts.end(), text);
 }
 
 void LogCapture::Clear() {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -17,8 +16,6 @@
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
-
-extern char** environ;
 
 namespace vendor::vesk::tavi::testing {
 namespace {
@@ -88,27 +85,23 @@ std::string SysfsEmulator::Start() {
 }
 
 // The child starts with default stop signals, unblocked (a listener under test blocks them),
-// and none of the test's descriptors, so it never holds a file of its own mount open.
+// and none of the test's descriptors, so it never holds a file of its own mount open. Only
+// async-signal-safe calls between fork and exec: the test may run threads.
 std::string SysfsEmulator::Spawn() {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t signals;
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes, &signals);
-    for (int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) sigaddset(&signals, signal_number);
-    posix_spawnattr_setsigdefault(&attributes, &signals);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    std::string binary = kBinary, foreground = "-f";
-    char* argv[] = {binary.data(), foreground.data(), mount_point_.data(), nullptr};
-    int error = posix_spawn(&pid_, kBinary, &actions, &attributes, argv, environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error == 0) return "";
-    pid_ = -1;
-    return "posix_spawn(" + binary + "): " + strerror(error);
+    const char* argv[] = {kBinary, "-f", mount_point_.c_str(), nullptr};
+    pid_ = fork();
+    if (pid_ == 0) {
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        for (int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+            (void)signal(signal_number, SIG_DFL);
+        }
+        close_range(STDERR_FILENO + 1, ~0U, 0);
+        execv(kBinary, const_cast<char* const*>(argv));
+        _exit(127);
+    }
+    return pid_ > 0 ? "" : ErrnoText("fork()");
 }
 
 void SysfsEmulator::Stop() {

@@ -1,11 +1,14 @@
 #pragma once
 
-#include <cstdio>
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <android-base/stringprintf.h>
+
 #include "message.h"
+#include "message_cache.h"
 
 namespace vendor::vesk::tavi::testing {
 
@@ -23,13 +26,25 @@ inline std::vector<std::string> TextForms(const std::vector<Message>& messages) 
     return texts;
 }
 
+// Takes every message the cache holds.
+inline std::vector<Message> Drain(MessageCache& cache) {
+    std::vector<Message> out;
+    cache.Restore(out);
+    return out;
+}
+
+// A cache record from its eight numbers, "0,4,3,3001,0,-5,0,0", and its text.
+inline std::string CacheRecord(const std::string& numbers, const std::string& text = "") {
+    std::string record = numbers + ',';
+    std::replace(record.begin(), record.end(), ',', '\0');
+    return record + text;
+}
+
 // "08 01 10 B9": upper-case bytes separated by blanks.
 inline std::string Hex(const std::string& bytes) {
     std::string hex;
     for (unsigned char byte : bytes) {
-        char digits[4];
-        (void)snprintf(digits, sizeof(digits), "%s%02X", hex.empty() ? "" : " ", byte);
-        hex += digits;
+        hex += android::base::StringPrintf(hex.empty() ? "%02X" : " %02X", byte);
     }
     return hex;
 }
