@@ -49,7 +49,7 @@ flags=(
     -Wno-error=deprecated-builtins -Wno-error=deprecated
     -Wno-error=single-bit-bitfield-constant-conversion -Wno-error=enum-constexpr-conversion
     -Wno-error=invalid-offsetof -Wno-error=thread-safety-reference-return
-    -Wno-deprecated-dynamic-exception-spec -Wno-vla-cxx-extension
+    -Wno-vla-cxx-extension
     -DGOOGLE_PROTOBUF_NO_RTTI
     -I"$root/src" -I"$out/generated" -I"$root/libubo/include" -I"$root/tests"
     -I/usr/include/android
