@@ -14,7 +14,6 @@
 #include <cstring>
 #include <iostream>
 #include <map>
-#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -108,6 +107,7 @@ class DaemonOnDeviceTest : public ::testing::Test {
         }
     }
 
+    size_t Lines(const std::string& text) { return device_.LinesReading(text).size(); }
     size_t Count(const std::string& prefix) { return device_.CountLinesStartingWith(prefix); }
     int Index(const std::string& text) { return device_.LineIndex(text); }
 
@@ -167,10 +167,6 @@ struct StopCase {
     const char* other_session_end;
 };
 
-std::ostream& operator<<(std::ostream& out, const StopCase& stop) {
-    return out << strsignal(stop.signal_number);
-}
-
 class ServiceActiveTest : public DaemonOnDeviceTest,
                           public ::testing::WithParamInterface<StopCase> {};
 
@@ -183,8 +179,9 @@ TEST_P(ServiceActiveTest, DeliversLiveRecordsThenEndsAtOnce) {
                              "4,1,3005,0,0,0,0\n", "5,1,3001,0,0,0,0\n"}) {
         ASSERT_TRUE(device_.Inject(line));
     }
-    for (const KernelRecord& record : kLiveRecords)
+    for (const KernelRecord& record : kLiveRecords) {
         ASSERT_TRUE(device_.Inject(record.line + "\n"s));
+    }
     ASSERT_TRUE(device_.WaitForRecords("event", 3, 5s));
     std::vector<ServiceRecord> events = device_.Records("event");
     ASSERT_EQ(events.size(), 3u);
@@ -193,21 +190,19 @@ TEST_P(ServiceActiveTest, DeliversLiveRecordsThenEndsAtOnce) {
         EXPECT_EQ(events[i].source, "tavi");
         EXPECT_EQ(events[i].probe, kLiveRecords[i].probe);
         EXPECT_EQ(events[i].payload_hex, kLiveRecords[i].payload_hex);
-        EXPECT_EQ(device_.LinesReading(kSent + TextForm(kLiveRecords[i].line)).size(), 1u);
+        EXPECT_EQ(Lines(kSent + TextForm(kLiveRecords[i].line)), 1u);
     }
     EXPECT_EQ(Count("Failed to parse the string for MessageType LOG: "), 2u);
     EXPECT_EQ(Count("Failed to pack the massage: "), 2u);
-    EXPECT_EQ(device_.LinesReading("Created UBO session").size(), 1u);
+    EXPECT_EQ(Lines("Created UBO session"), 1u);
     EXPECT_EQ(Index("UBO is not yet active or available, retry in 1 sec"), -1);
     // Nothing cached and no file: the wake-up replays nothing.
     EXPECT_EQ(Index(kFlushStarting), -1);
 
     ASSERT_TRUE(device_.Signal(stop.signal_number));
     ExpectExit(0);
-    EXPECT_EQ(device_.LinesReading(
-                             strsignal(stop.signal_number) +
-                             " signal detected, calling signal callback and stopping poll() loop"s)
-                      .size(),
+    EXPECT_EQ(Lines(strsignal(stop.signal_number) +
+                    " signal detected, calling signal callback and stopping poll() loop"s),
               1u);
     ASSERT_NE(Index(kEnded), -1);
     EXPECT_GT(Index(stop.closing_line), Index(kEnded));
@@ -239,7 +234,7 @@ TEST_F(DaemonOnDeviceTest, AbortsWhenTheAttributeNeverAppears) {
     ASSERT_EQ(retries.size(), 5u);
     EXPECT_EQ(retries[0].severity, 'E');
     EXPECT_NEAR(SecondsBetween(retries[0], retries[4]), 4.0, 0.8);
-    EXPECT_EQ(device_.LinesReading("Could not open /sys/kernel/tavi/log").size(), 6u);
+    EXPECT_EQ(Lines("Could not open /sys/kernel/tavi/log"), 6u);
     // It ended before the readiness task could start.
     EXPECT_EQ(device_.CountRecords("session_created"), 0u);
 }
@@ -271,7 +266,7 @@ TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
     EXPECT_EQ(device_.CountRecords("event"), 7u);
     EXPECT_EQ(Count(kSent), 7u);
     EXPECT_EQ(Count(kCacheFull), 72u);
-    EXPECT_EQ(device_.LinesReading(kSaved).size(), 1u);
+    EXPECT_EQ(Lines(kSaved), 1u);
     EXPECT_EQ(ReadFile(device_.CachePath()), Entries(1, 0, 128));
 }
 
@@ -314,7 +309,7 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
             ASSERT_EQ(retries.size(), 10u);
             EXPECT_EQ(retries[0].severity, 'E');
             EXPECT_NEAR(SecondsBetween(retries[0], retries[9]), 9.0, 1.0);
-            EXPECT_EQ(device_.LinesReading("Created UBO session").size(), 1u);
+            EXPECT_EQ(Lines("Created UBO session"), 1u);
         }
         if (run > 0) {
             StopWhileServiceDown(run == 1 ? SIGINT : SIGTERM);
@@ -337,7 +332,7 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
             EXPECT_EQ(status.st_mode & 07777, 0600u);
             ASSERT_TRUE(device_.SetServiceActive(false));
         }
-        EXPECT_EQ(device_.LinesReading(kSaved).size(), 1u);
+        EXPECT_EQ(Lines(kSaved), 1u);
         ASSERT_EQ(ReadFile(device_.CachePath()), expected);
     }
 
@@ -356,7 +351,7 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
     for (int index = 0; index < 18; ++index) order.push_back(kSent + TextForm(Line(1, index)));
     order.push_back(kFlushEnded);
     for (size_t i = 0; i < order.size(); ++i) {
-        EXPECT_EQ(device_.LinesReading(order[i]).size(), 1u) << order[i];
+        EXPECT_EQ(Lines(order[i]), 1u) << order[i];
         EXPECT_GT(Index(order[i]), i > 0 ? Index(order[i - 1]) : -1) << order[i];
     }
     EXPECT_FALSE(Exists(device_.CachePath()));
@@ -456,11 +451,8 @@ TEST_F(FaultTest, FullPersistFolder) {
     StartDevice(false);
     InjectBatch(0, 3, kStored, 3);
     StopWhileServiceDown();
-    EXPECT_EQ(device_.LinesReading("android::WriteStringToFile write failed: No space left on "
-                                   "device")
-                      .size(),
-              1u);
-    EXPECT_EQ(device_.LinesReading(kSaveFailed).size(), 1u);
+    EXPECT_EQ(Lines("android::WriteStringToFile write failed: No space left on device"), 1u);
+    EXPECT_EQ(Lines(kSaveFailed), 1u);
     EXPECT_LT(Index(kSaveFailed), Index(kEnded));
     // 8 earlier entries and 3 of this run: all lost.
     EXPECT_FALSE(Exists(device_.CachePath()));
@@ -473,10 +465,6 @@ struct Obstacle {
     std::vector<std::string> save_lines;
 };
 
-std::ostream& operator<<(std::ostream& out, const Obstacle& obstacle) {
-    return out << obstacle.name;
-}
-
 class ObstacleTest : public DaemonOnDeviceTest, public ::testing::WithParamInterface<Obstacle> {};
 
 // The replay works around the obstacle; every stop loses what it would have saved.
@@ -487,7 +475,7 @@ TEST_P(ObstacleTest, AtTheCachePath) {
     InjectBatch(0, 2, kStored, 2);
     ASSERT_TRUE(device_.SetServiceActive(true));
     ASSERT_TRUE(device_.WaitForLogLine(kFlushEnded, 15s));
-    EXPECT_EQ(device_.LinesReading(obstacle.load_line).size(), 1u);
+    EXPECT_EQ(Lines(obstacle.load_line), 1u);
     EXPECT_EQ(Count(kSent), 2u);
 
     ASSERT_TRUE(device_.SetServiceActive(false));
@@ -506,7 +494,7 @@ TEST_P(ObstacleTest, AtTheCachePath) {
     }
     ExpectExit(0);
     for (const std::string& line : obstacle.save_lines) {
-        EXPECT_EQ(device_.LinesReading(line).size(), 1u) << line;
+        EXPECT_EQ(Lines(line), 1u) << line;
     }
     // 2 delivered, 3 lost; the obstacle stays for the next stop.
     EXPECT_EQ(device_.CountRecords("event"), 2u);
@@ -555,10 +543,6 @@ struct Ending {
     bool service_comes_up;  // so the file is loaded
 };
 
-std::ostream& operator<<(std::ostream& out, const Ending& ending) {
-    return out << ending.name;
-}
-
 class FatalSignalTest : public DaemonOnDeviceTest, public ::testing::WithParamInterface<Ending> {};
 
 // Only SIGINT and SIGTERM save: any other signal whose default ends the process loses what is
@@ -581,10 +565,7 @@ TEST_P(FatalSignalTest, LosesWhatIsHeld) {
     EXPECT_EQ(Index(kEnded), -1);
     EXPECT_EQ(Count(kSent), 0u);
     if (ending.signal_number == SIGABRT) {
-        EXPECT_EQ(device_.LinesReading("terminate called after throwing an instance of "
-                                       "'std::out_of_range'")
-                          .size(),
-                  1u);
+        EXPECT_EQ(Lines("terminate called after throwing an instance of 'std::out_of_range'"), 1u);
     }
     if (ending.service_comes_up) {
         EXPECT_FALSE(Exists(device_.CachePath()));
