@@ -88,12 +88,6 @@ bool RunToSuccess(std::vector<std::string> args, const std::string& output_path)
     return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
 }
 
-std::string ReadText(const std::string& path) {
-    std::string text;
-    android::base::ReadFileToString(path, &text);
-    return text;
-}
-
 // The value of a string member, e.g. "probe":"TaviDisplayShort"; the simulator writes
 // none of the members read here with escapes.
 std::string JsonString(const std::string& line, const std::string& key) {
@@ -114,10 +108,16 @@ std::string ProbeAvailability() {
                      output)) {
         return "";
     }
-    return "the namespace launcher failed (unshare or mount not usable here): " + ReadText(output);
+    return "the namespace launcher failed (unshare or mount not usable here): " + ReadFile(output);
 }
 
 }  // namespace
+
+std::string ReadFile(const std::string& path) {
+    std::string content;
+    android::base::ReadFileToString(path, &content);
+    return content;
+}
 
 std::string SimulatedDevice::Availability() {
     static const std::string reason = ProbeAvailability();
@@ -151,7 +151,7 @@ std::string SimulatedDevice::RestartService(bool active) {
     if (active) service.push_back("--active");
     service_ = Spawn(service, {}, dir_ + "/service.out");
     auto listening = [this] {
-        return ReadText(dir_ + "/service.out").find("listening") != std::string::npos;
+        return ReadFile(dir_ + "/service.out").find("listening") != std::string::npos;
     };
     if (service_ < 0 || !WaitUntil(listening, 5s)) return "ubo_sim did not listen on " + socket;
     return "";
@@ -243,7 +243,7 @@ int SimulatedDevice::LineIndex(const std::string& text) {
 
 std::vector<ServiceRecord> SimulatedDevice::Records(const std::string& kind) const {
     std::vector<ServiceRecord> records;
-    for (const std::string& line : android::base::Split(ReadText(dir_ + "/events.jsonl"), "\n")) {
+    for (const std::string& line : android::base::Split(ReadFile(dir_ + "/events.jsonl"), "\n")) {
         if (JsonString(line, "kind") != kind) continue;
         records.push_back({JsonString(line, "source"), JsonString(line, "probe"),
                            JsonString(line, "payload_hex")});
@@ -264,7 +264,7 @@ bool SimulatedDevice::WaitUntil(const std::function<bool()>& condition, millisec
 
 // "tavi_daemon I 11-22 22:20:31  2903  2903 main.cpp:110] text"
 void SimulatedDevice::ReadNewLogLines() {
-    std::string text = ReadText(dir_ + "/daemon.log");
+    std::string text = ReadFile(dir_ + "/daemon.log");
     const auto now = Clock::now();
     size_t start = log_bytes_read_;
     for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {

@@ -14,6 +14,9 @@
 
 namespace vendor::vesk::tavi::testing {
 
+// The whole file, or "" when it cannot be read.
+std::string ReadFile(const std::string& path);
+
 // One daemon log line: severity letter, text, and when the harness first saw it (precise
 // enough to check pauses of a second).
 struct LogLine {

@@ -1,19 +1,27 @@
 // The real tavi_daemon on the simulated device: kernel records in; events at the service,
-// log lines, the cache file and the end of the process out.
+// log lines, the cache file and the end of the process out. Where records are lost, every
+// case counts each one: delivered, in the cache file, or lost with the line that says so.
+#include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <ostream>
+#include <map>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 
 #include "device_harness.h"
@@ -24,47 +32,55 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-constexpr char kCacheFile[] = "/mnt/vendor/persist/tavi/cache.bin";
-constexpr char kPollInterrupted[] = "poll() is interrupted by a client, calling interrupt callback";
+const std::string kCacheFile = "/mnt/vendor/persist/tavi/cache.bin";
+const std::string kStored = "Store the message in the cache: ";
+const std::string kSent = "Send the message to UBO: ";
+const std::string kCacheFull = "Cache size limit, ignoring";
+const std::string kLoaded = "Loaded the cache from " + kCacheFile;
+const std::string kSaved = "Saved the cache to " + kCacheFile;
+const std::string kSaveFailed = "Failed to save the cache to " + kCacheFile;
+const std::string kNotFound = "The cache file not found, stop loading the cache";
+const std::string kEnded = "tavi_daemon ended";
+const std::string kFlushStarting = "Cache flush starting";
+const std::string kFlushEnded = "Cache flush ended";
+const std::string kWokenUp = "poll() is interrupted by a client, calling interrupt callback";
+const std::string kTerminator("\0\0\n", 3);
 
-struct KernelRecord {
-    const char* line;
-    const char* text_form;
-    const char* probe;
-    const char* payload_hex;
-};
-
-const KernelRecord kPdHardReset = {
-        "4,1,3001,1,0,0,0\n",
-        "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }",
-        "TaviChargerDetectPdHardReset", "080110b9171801"};
-const KernelRecord kDisplayShort = {
-        "3,0,2000,0,0,0,0\n",
-        "Message {Type: LOG, Category: 3, LogLevel: 0, ErrorCode: 2000, Param1: 0, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }",
-        "TaviDisplayShort", "080010d00f1800"};
-const KernelRecord kSocFreeze = {
-        "4,2,3002,-1,0,300,1\n",
-        "Message {Type: LOG, Category: 4, LogLevel: 2, ErrorCode: 3002, Param1: -1, Param2: 0, "
-        "Param3: 300, Param4: 1, Message: }",
-        "TaviChargerDetectSocFreeze", "080210ba1718ffffffffffffffffff01200028ac023001"};
-
-// The cache file holding kPdHardReset and then kDisplayShort.
-// clang-format off
-const std::string kTwoCacheEntries =
-        "0\0" "4\0" "1\0" "3001\0" "1\0" "0\0" "0\0" "0\0" "\0\0\n"
-        "0\0" "3\0" "0\0" "2000\0" "0\0" "0\0" "0\0" "0\0" "\0\0\n"s;
-// clang-format on
-
-std::string ReadFile(const std::string& path) {
-    std::string content;
-    android::base::ReadFileToString(path, &content);
-    return content;
+// A storage bad-sector record that names its batch and its place in it.
+std::string Line(int batch, int index) {
+    return "2,1,1000," + std::to_string(batch) + "," + std::to_string(index) + ",0,0";
 }
 
-double SecondsBetween(const LogLine& first, const LogLine& last) {
-    return std::chrono::duration<double>(last.seen - first.seen).count();
+// How the daemon logs the record of a kernel line.
+std::string TextForm(const std::string& line) {
+    static const char* const kNames[] = {"Category", "LogLevel", "ErrorCode", "Param1",
+                                         "Param2",   "Param3",   "Param4"};
+    const std::vector<std::string> fields = android::base::Split(line, ",");
+    std::string text = "Message {Type: LOG";
+    for (size_t i = 0; i < 7; ++i) text += ", "s + kNames[i] + ": " + fields[i];
+    return text + ", Message: }";
+}
+
+// The cache file entry of a kernel line, with an optional text.
+std::string Entry(const std::string& line, const std::string& text = "") {
+    std::string entry = "0"s + '\0';
+    for (const std::string& field : android::base::Split(line, ",")) entry += field + '\0';
+    return entry + text + kTerminator;
+}
+
+std::string Entries(int batch, int first, int count) {
+    std::string entries;
+    for (int index = first; index < first + count; ++index) entries += Entry(Line(batch, index));
+    return entries;
+}
+
+bool WriteFile(const std::string& path, const std::string& content) {
+    return android::base::WriteStringToFile(content, path, 0600, getuid(), getgid());
+}
+
+bool Exists(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
 }
 
 class DaemonOnDeviceTest : public ::testing::Test {
@@ -87,51 +103,69 @@ class DaemonOnDeviceTest : public ::testing::Test {
     void StartDevice(bool service_active, bool with_attribute = true) {
         ASSERT_EQ(device_.Start(service_active, with_attribute), "");
         if (service_active && with_attribute) {
-            ASSERT_TRUE(device_.WaitForLogLine(kPollInterrupted, 5s));
+            ASSERT_TRUE(device_.WaitForLogLine(kWokenUp, 10s));
         }
     }
 
-    void Inject(const std::vector<KernelRecord>& records) {
-        for (const KernelRecord& record : records) ASSERT_TRUE(device_.Inject(record.line));
-    }
+    size_t Lines(const std::string& text) { return device_.LinesReading(text).size(); }
+    size_t Count(const std::string& prefix) { return device_.CountLinesStartingWith(prefix); }
+    int Index(const std::string& text) { return device_.LineIndex(text); }
 
-    void ExpectEvents(const std::vector<KernelRecord>& expected) {
-        ASSERT_TRUE(device_.WaitForRecords("event", expected.size(), 5s));
-        std::vector<ServiceRecord> events = device_.Records("event");
-        ASSERT_EQ(events.size(), expected.size());
-        for (size_t i = 0; i < expected.size(); ++i) {
-            SCOPED_TRACE(expected[i].line);
-            EXPECT_EQ(events[i].source, "tavi");
-            EXPECT_EQ(events[i].probe, expected[i].probe);
-            EXPECT_EQ(events[i].payload_hex, expected[i].payload_hex);
-            EXPECT_EQ(device_.LinesReading("Send the message to UBO: "s + expected[i].text_form)
-                              .size(),
-                      1u);
+    // Injects `count` records of `batch` and waits until the daemon has handled them: until
+    // lines starting with `outcome` number `expected_total`.
+    void InjectBatch(int batch, int count, const std::string& outcome, size_t expected_total) {
+        for (int index = 0; index < count; ++index) {
+            ASSERT_TRUE(device_.Inject(Line(batch, index) + "\n"));
         }
+        ASSERT_TRUE(device_.WaitForLinesStartingWith(outcome, expected_total, 10s));
+        ASSERT_EQ(Count(outcome), expected_total);
     }
 
-    void ExpectCleanExit() {
-        std::optional<int> status = device_.WaitForExit(5s);
+    // 0: a clean exit; otherwise the signal that ended the daemon.
+    void ExpectExit(int wait_status_signal) {
+        std::optional<int> status = device_.WaitForExit(10s);
         ASSERT_TRUE(status.has_value()) << "the daemon did not end";
-        EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "wait status " << *status;
+        if (wait_status_signal == 0) {
+            EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+        } else {
+            EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == wait_status_signal) << *status;
+        }
     }
 
-    bool CacheFileExists() { return access(device_.CachePath().c_str(), F_OK) == 0; }
+    // A stop while the service is down: the save, the end line, then the process waits for
+    // the service until init's shutdown timeout ends it.
+    void StopWhileServiceDown(int signal_number = SIGTERM) {
+        ASSERT_TRUE(device_.Signal(signal_number));
+        ASSERT_TRUE(device_.WaitForLogLine(kEnded, 10s));
+        ASSERT_TRUE(device_.DaemonAlive());
+        ASSERT_TRUE(device_.Signal(SIGKILL));
+        ExpectExit(SIGKILL);
+    }
 
     SimulatedDevice device_;
 };
 
+// What the daemon keeps and loses when things go wrong (also the name the README's filter uses).
+using FaultTest = DaemonOnDeviceTest;
+
+struct KernelRecord {
+    const char* line;
+    const char* probe;
+    const char* payload_hex;
+};
+
+const KernelRecord kLiveRecords[] = {
+        {"4,1,3001,1,0,0,0", "TaviChargerDetectPdHardReset", "080110b9171801"},
+        {"3,0,2000,0,0,0,0", "TaviDisplayShort", "080010d00f1800"},
+        {"4,2,3002,-1,0,300,1", "TaviChargerDetectSocFreeze",
+         "080210ba1718ffffffffffffffffff01200028ac023001"}};
+
 struct StopCase {
     int signal_number;
-    const char* detected_line;
     const char* closing_line;
     const char* session_end;
     const char* other_session_end;
 };
-
-std::ostream& operator<<(std::ostream& out, const StopCase& stop) {
-    return out << strsignal(stop.signal_number);
-}
 
 class ServiceActiveTest : public DaemonOnDeviceTest,
                           public ::testing::WithParamInterface<StopCase> {};
@@ -139,166 +173,419 @@ class ServiceActiveTest : public DaemonOnDeviceTest,
 TEST_P(ServiceActiveTest, DeliversLiveRecordsThenEndsAtOnce) {
     const StopCase& stop = GetParam();
     StartDevice(true);
-    Inject({kPdHardReset, kDisplayShort, kSocFreeze});
-    ExpectEvents({kPdHardReset, kDisplayShort, kSocFreeze});
-    EXPECT_EQ(device_.LinesReading("Created UBO session").size(), 1u);
-    EXPECT_EQ(device_.LineIndex("UBO is not yet active or available, retry in 1 sec"), -1);
+    // Rejected first (a field that is no number, no newline, no probe for the code, an area
+    // without a handler): logged or dropped, and the loop goes on.
+    for (const char* line : {"4,1,abc,1,0,0,0\n", "4,1,3001,1,0,0,0", "1,0,100,0,0,0,0\n",
+                             "4,1,3005,0,0,0,0\n", "5,1,3001,0,0,0,0\n"}) {
+        ASSERT_TRUE(device_.Inject(line));
+    }
+    for (const KernelRecord& record : kLiveRecords) {
+        ASSERT_TRUE(device_.Inject(record.line + "\n"s));
+    }
+    ASSERT_TRUE(device_.WaitForRecords("event", 3, 5s));
+    std::vector<ServiceRecord> events = device_.Records("event");
+    ASSERT_EQ(events.size(), 3u);
+    for (size_t i = 0; i < events.size(); ++i) {
+        SCOPED_TRACE(kLiveRecords[i].line);
+        EXPECT_EQ(events[i].source, "tavi");
+        EXPECT_EQ(events[i].probe, kLiveRecords[i].probe);
+        EXPECT_EQ(events[i].payload_hex, kLiveRecords[i].payload_hex);
+        EXPECT_EQ(Lines(kSent + TextForm(kLiveRecords[i].line)), 1u);
+    }
+    EXPECT_EQ(Count("Failed to parse the string for MessageType LOG: "), 2u);
+    EXPECT_EQ(Count("Failed to pack the massage: "), 2u);
+    EXPECT_EQ(Lines("Created UBO session"), 1u);
+    EXPECT_EQ(Index("UBO is not yet active or available, retry in 1 sec"), -1);
     // Nothing cached and no file: the wake-up replays nothing.
-    EXPECT_EQ(device_.LineIndex("Cache flush starting"), -1);
-    EXPECT_EQ(device_.LineIndex("Cache flush ended"), -1);
+    EXPECT_EQ(Index(kFlushStarting), -1);
 
     ASSERT_TRUE(device_.Signal(stop.signal_number));
-    ExpectCleanExit();
-    EXPECT_EQ(device_.LinesReading(stop.detected_line).size(), 1u);
-    int ended = device_.LineIndex("tavi_daemon ended");
-    ASSERT_NE(ended, -1);
-    EXPECT_GT(device_.LineIndex(stop.closing_line), ended);
+    ExpectExit(0);
+    EXPECT_EQ(Lines(strsignal(stop.signal_number) +
+                    " signal detected, calling signal callback and stopping poll() loop"s),
+              1u);
+    ASSERT_NE(Index(kEnded), -1);
+    EXPECT_GT(Index(stop.closing_line), Index(kEnded));
     EXPECT_TRUE(device_.WaitForRecords(stop.session_end, 1, 2s));
     EXPECT_EQ(device_.CountRecords(stop.other_session_end), 0u);
     // Nothing was held, so nothing was saved.
-    EXPECT_FALSE(CacheFileExists());
+    EXPECT_FALSE(Exists(device_.CachePath()));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-        Signals, ServiceActiveTest,
-        ::testing::Values(StopCase{SIGINT,
-                                   "Interrupt signal detected, calling signal callback and "
-                                   "stopping poll() loop",
-                                   "Closed UBO session", "session_destroyed", "session_lost"},
-                          StopCase{SIGTERM,
-                                   "Terminated signal detected, calling signal callback and "
-                                   "stopping poll() loop",
-                                   "Skip closing UBO session", "session_lost",
-                                   "session_destroyed"}),
-        [](const auto& info) { return info.param.signal_number == SIGINT ? "Sigint" : "Sigterm"; });
+INSTANTIATE_TEST_SUITE_P(Signals, ServiceActiveTest,
+                         ::testing::Values(StopCase{SIGINT, "Closed UBO session",
+                                                    "session_destroyed", "session_lost"},
+                                           StopCase{SIGTERM, "Skip closing UBO session",
+                                                    "session_lost", "session_destroyed"}),
+                         [](const auto& info) {
+                             return info.param.signal_number == SIGINT ? "Sigint" : "Sigterm";
+                         });
 
-TEST_F(DaemonOnDeviceTest, SavesCachedRecordsAtSigtermAndWaitsForService) {
-    StartDevice(false);
-    Inject({kPdHardReset, kDisplayShort});
-    for (const KernelRecord& record : {kPdHardReset, kDisplayShort}) {
-        EXPECT_TRUE(
-                device_.WaitForLogLine("Store the message in the cache: "s + record.text_form, 5s));
-    }
-    ASSERT_TRUE(device_.Signal(SIGTERM));
-    ASSERT_TRUE(device_.WaitForLogLine("tavi_daemon ended", 5s));
-    EXPECT_EQ(device_.LinesReading("Saved the cache to "s + kCacheFile).size(), 1u);
-    EXPECT_EQ(ReadFile(device_.CachePath()), kTwoCacheEntries);
-    struct stat cache_status {};
-    ASSERT_EQ(stat(device_.CachePath().c_str(), &cache_status), 0);
-    EXPECT_EQ(cache_status.st_mode & 07777, 0600u);
-
-    // The readiness task still runs: the process stays until the service is up.
-    std::this_thread::sleep_for(1500ms);
-    EXPECT_TRUE(device_.DaemonAlive());
-    ASSERT_TRUE(device_.SetServiceActive(true));
-    ExpectCleanExit();
-    EXPECT_GT(device_.LineIndex("Skip closing UBO session"),
-              device_.LineIndex("tavi_daemon ended"));
-    EXPECT_TRUE(device_.WaitForRecords("session_lost", 1, 2s));
-    EXPECT_EQ(device_.CountRecords("session_destroyed"), 0u);
-    // The poll loop had ended: nothing replayed, the file is kept for the next run.
-    EXPECT_TRUE(device_.Records("event").empty());
-    EXPECT_EQ(device_.LineIndex("Cache flush starting"), -1);
-    EXPECT_EQ(ReadFile(device_.CachePath()), kTwoCacheEntries);
-}
-
-TEST_F(DaemonOnDeviceTest, FlushesThisRunsRecordsBeforeThoseOfTheFile) {
-    ASSERT_TRUE(android::base::WriteStringToFile(
-            kTwoCacheEntries, device_.PersistDir() + "/cache.bin", 0600, getuid(), getgid()));
-    StartDevice(false);
-    Inject({kSocFreeze});
-    ASSERT_TRUE(
-            device_.WaitForLogLine("Store the message in the cache: "s + kSocFreeze.text_form, 5s));
-    ASSERT_TRUE(device_.SetServiceActive(true));
-    ASSERT_TRUE(device_.WaitForLogLine("Cache flush ended", 5s));
-    ExpectEvents({kSocFreeze, kPdHardReset, kDisplayShort});
-
-    int loaded = device_.LineIndex("Loaded the cache from "s + kCacheFile);
-    int starting = device_.LineIndex("Cache flush starting");
-    int first_send = device_.LineIndex("Send the message to UBO: "s + kSocFreeze.text_form);
-    int last_send = device_.LineIndex("Send the message to UBO: "s + kDisplayShort.text_form);
-    ASSERT_NE(loaded, -1);
-    EXPECT_LT(loaded, starting);
-    EXPECT_LT(starting, first_send);
-    EXPECT_LT(last_send, device_.LineIndex("Cache flush ended"));
-    EXPECT_FALSE(CacheFileExists());
-}
-
-TEST_F(DaemonOnDeviceTest, LogsRejectedRecordsAndKeepsServing) {
-    struct Rejected {
-        const char* line;
-        std::string log_line;  // empty: dropped without a word
-    } rejected[] = {
-            {"4,1,abc,1,0,0,0\n",
-             "Failed to parse the string for MessageType LOG: 4,1,abc,1,0,0,0"},
-            {"4,1,3001,1,0,0,0",
-             "Failed to parse the string for MessageType LOG: 4,1,3001,1,0,0,0"},
-            {"1,0,100,0,0,0,0\n",
-             "Failed to pack the massage: Message {Type: LOG, Category: 1, LogLevel: 0, "
-             "ErrorCode: 100, Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"},
-            {"4,1,3005,0,0,0,0\n",
-             "Failed to pack the massage: Message {Type: LOG, Category: 4, LogLevel: 1, "
-             "ErrorCode: 3005, Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"},
-            {"5,1,3001,0,0,0,0\n", ""},
-    };
-    StartDevice(true);
-    for (const Rejected& record : rejected) ASSERT_TRUE(device_.Inject(record.line));
-    // Records are handled in order: once this one is delivered, all above were handled.
-    Inject({kDisplayShort});
-    ExpectEvents({kDisplayShort});
-    for (const Rejected& record : rejected) {
-        if (record.log_line.empty()) continue;
-        SCOPED_TRACE(record.line);
-        std::vector<LogLine> lines = device_.LinesReading(record.log_line);
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].severity, 'E');
-    }
-    for (const LogLine& line : device_.LogLines()) {
-        EXPECT_EQ(line.text.find("Category: 5"), std::string::npos) << line.text;
-    }
-    EXPECT_TRUE(device_.DaemonAlive());
+double SecondsBetween(const LogLine& first, const LogLine& last) {
+    return std::chrono::duration<double>(last.seen - first.seen).count();
 }
 
 TEST_F(DaemonOnDeviceTest, AbortsWhenTheAttributeNeverAppears) {
     StartDevice(true, false);
     ASSERT_TRUE(device_.WaitForLogLine("Failed to setup listener after 5 retries", 10s));
-    std::optional<int> status = device_.WaitForExit(5s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGABRT) << "wait status " << *status;
+    ExpectExit(SIGABRT);
     EXPECT_EQ(device_.LinesReading("Failed to setup listener after 5 retries")[0].severity, 'F');
     std::vector<LogLine> retries = device_.LinesReading("Failed to setup listener, retry in 1 sec");
     ASSERT_EQ(retries.size(), 5u);
     EXPECT_EQ(retries[0].severity, 'E');
     EXPECT_NEAR(SecondsBetween(retries[0], retries[4]), 4.0, 0.8);
-    EXPECT_EQ(device_.LinesReading("Could not open /sys/kernel/tavi/log").size(), 6u);
+    EXPECT_EQ(Lines("Could not open /sys/kernel/tavi/log"), 6u);
     // It ended before the readiness task could start.
     EXPECT_EQ(device_.CountRecords("session_created"), 0u);
 }
 
-TEST_F(DaemonOnDeviceTest, PausesAfterTenReadinessRetries) {
-    StartDevice(false);
-    ASSERT_TRUE(device_.WaitForLogLine("UBO is not yet active or available after 10 retries", 15s));
-    std::vector<LogLine> retries =
-            device_.LinesReading("UBO is not yet active or available, retry in 1 sec");
-    ASSERT_EQ(retries.size(), 10u);
-    EXPECT_EQ(retries[0].severity, 'E');
-    EXPECT_NEAR(SecondsBetween(retries[0], retries[9]), 9.0, 1.0);
-    EXPECT_EQ(device_.LinesReading("Created UBO session").size(), 1u);
+// The readiness task wakes the poll loop once per run: when the service drops out later,
+// records are cached again, 128 at most, until the stop saves them.
+TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
+    StartDevice(true);
+    InjectBatch(0, 2, kSent, 2);
 
-    // Nothing cached: the stop saves nothing, and the process stays for the readiness task.
-    ASSERT_TRUE(device_.Signal(SIGINT));
-    ASSERT_TRUE(device_.WaitForLogLine("tavi_daemon ended", 5s));
-    EXPECT_EQ(device_.LineIndex("Saved the cache to "s + kCacheFile), -1);
-    EXPECT_FALSE(CacheFileExists());
-    std::this_thread::sleep_for(500ms);
-    EXPECT_TRUE(device_.DaemonAlive());
-    // The readiness task now sleeps 60 s before asking the service again, so an active
-    // service would end the daemon only after that pause: too long here, hence SIGKILL.
-    ASSERT_TRUE(device_.Signal(SIGKILL));
-    std::optional<int> status = device_.WaitForExit(5s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGKILL);
+    ASSERT_TRUE(device_.SetServiceActive(false));
+    // Each is announced; 128 are held, and the rest refused with a line of their own.
+    InjectBatch(1, 200, kStored, 200);
+    ASSERT_TRUE(device_.WaitForLinesStartingWith(kCacheFull, 72, 10s));
+
+    // Back again: live records go out, the cached ones stay where they are.
+    ASSERT_TRUE(device_.SetServiceActive(true));
+    InjectBatch(2, 3, kSent, 5);
+    // Refused by the service: logged and lost, never cached.
+    ASSERT_TRUE(device_.ServiceControl({"fail", "-5"}));
+    const std::string refused =
+            "ubo_add_event() for TaviLinuxOsBadSector probe failed with return code -5";
+    InjectBatch(3, 2, refused, 2);
+    EXPECT_EQ(Count(kFlushStarting), 0u);
+
+    ASSERT_TRUE(device_.Signal(SIGTERM));
+    ExpectExit(0);
+    // 207 records: 5 delivered, 2 refused, 128 in the file, 72 over the cap.
+    EXPECT_EQ(device_.CountRecords("event"), 7u);
+    EXPECT_EQ(Count(kSent), 7u);
+    EXPECT_EQ(Count(kCacheFull), 72u);
+    EXPECT_EQ(Lines(kSaved), 1u);
+    EXPECT_EQ(ReadFile(device_.CachePath()), Entries(1, 0, 128));
 }
+
+// The session is opened once per run: a service restarted under the daemon never hears from
+// it again, and every record is cached, 128 at most, until the stop.
+TEST_F(FaultTest, ServiceRestartedUnderTheDaemon) {
+    StartDevice(true);
+    InjectBatch(0, 1, kSent, 1);
+    ASSERT_EQ(device_.RestartService(true), "");
+    InjectBatch(1, 130, kStored, 130);
+    ASSERT_TRUE(device_.WaitForLinesStartingWith(kCacheFull, 2, 10s));
+    ASSERT_TRUE(device_.Signal(SIGTERM));
+    ExpectExit(0);
+    // 131 records: 1 delivered, 128 in the file, 2 over the cap.
+    EXPECT_EQ(device_.CountRecords("event"), 1u);
+    EXPECT_EQ(Count(kCacheFull), 2u);
+    EXPECT_EQ(ReadFile(device_.CachePath()), Entries(1, 0, 128));
+}
+
+// Every stop with the service down adds its records to the file; the run that finds the
+// service replays its own records, then the oldest of the file's up to 128, and logs every
+// other entry as over the cap.
+TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
+    constexpr int kRuns = 3, kPerRun = 100;
+    StartDevice(false);
+    for (int run = 0; run < kRuns; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        if (run > 0) {
+            ASSERT_EQ(device_.StartDaemon(), "");
+        }
+        InjectBatch(run, kPerRun, kStored, kPerRun);
+        std::string expected;
+        for (int batch = 0; batch <= run; ++batch) expected += Entries(batch, 0, kPerRun);
+        if (run == 1) {
+            // Ten tries a second apart, then a pause of 60 s: longer than this test waits.
+            ASSERT_TRUE(device_.WaitForLogLine(
+                    "UBO is not yet active or available after 10 retries", 15s));
+            std::vector<LogLine> retries =
+                    device_.LinesReading("UBO is not yet active or available, retry in 1 sec");
+            ASSERT_EQ(retries.size(), 10u);
+            EXPECT_EQ(retries[0].severity, 'E');
+            EXPECT_NEAR(SecondsBetween(retries[0], retries[9]), 9.0, 1.0);
+            EXPECT_EQ(Lines("Created UBO session"), 1u);
+        }
+        if (run > 0) {
+            StopWhileServiceDown(run == 1 ? SIGINT : SIGTERM);
+        } else {
+            // The readiness task still runs: the process stays until the service is up, and
+            // a SIGTERM leaves the session open; the poll loop is over, so nothing is replayed.
+            ASSERT_TRUE(device_.Signal(SIGTERM));
+            ASSERT_TRUE(device_.WaitForLogLine(kEnded, 10s));
+            std::this_thread::sleep_for(1500ms);
+            EXPECT_TRUE(device_.DaemonAlive());
+            ASSERT_TRUE(device_.SetServiceActive(true));
+            ExpectExit(0);
+            EXPECT_GT(Index("Skip closing UBO session"), Index(kEnded));
+            EXPECT_TRUE(device_.WaitForRecords("session_lost", 1, 2s));
+            EXPECT_EQ(device_.CountRecords("session_destroyed"), 0u);
+            EXPECT_EQ(device_.CountRecords("event"), 0u);
+            EXPECT_EQ(Index(kFlushStarting), -1);
+            struct stat status {};
+            ASSERT_EQ(stat(device_.CachePath().c_str(), &status), 0);
+            EXPECT_EQ(status.st_mode & 07777, 0600u);
+            ASSERT_TRUE(device_.SetServiceActive(false));
+        }
+        EXPECT_EQ(Lines(kSaved), 1u);
+        ASSERT_EQ(ReadFile(device_.CachePath()), expected);
+    }
+
+    // The last run caches 10 of its own before the service comes up.
+    ASSERT_EQ(device_.StartDaemon(), "");
+    InjectBatch(kRuns, 10, kStored, 10);
+    ASSERT_TRUE(device_.SetServiceActive(true));
+    ASSERT_TRUE(device_.WaitForLogLine(kFlushEnded, 10s));
+    // 310 records: this run's 10, the first run's 100 and 18 of the second delivered, 182 lost.
+    EXPECT_EQ(Count(kCacheFull), 182u);
+    EXPECT_EQ(device_.CountRecords("event"), 128u);
+    EXPECT_EQ(Count(kSent), 128u);
+    std::vector<std::string> order = {kLoaded, kFlushStarting};
+    for (int index = 0; index < 10; ++index) order.push_back(kSent + TextForm(Line(kRuns, index)));
+    for (int index = 0; index < kPerRun; ++index) order.push_back(kSent + TextForm(Line(0, index)));
+    for (int index = 0; index < 18; ++index) order.push_back(kSent + TextForm(Line(1, index)));
+    order.push_back(kFlushEnded);
+    for (size_t i = 0; i < order.size(); ++i) {
+        EXPECT_EQ(Lines(order[i]), 1u) << order[i];
+        EXPECT_GT(Index(order[i]), i > 0 ? Index(order[i - 1]) : -1) << order[i];
+    }
+    EXPECT_FALSE(Exists(device_.CachePath()));
+}
+
+// Save truncates the file and then writes it whole: SIGKILL in between (init's shutdown
+// timeout) can leave the old file, the new one, an empty one or one cut short.
+TEST_F(FaultTest, SigkillDuringALargeSave) {
+    const char* tries_setting = getenv("TAVI_SIGKILL_TRIES");
+    const int tries =
+            tries_setting != nullptr ? static_cast<int>(strtol(tries_setting, nullptr, 10)) : 15;
+    // An earlier run's file of 1,000 entries, 1,023,890 bytes: close to the ceiling.
+    std::string old_file;
+    for (int index = 0; index < 1000; ++index) {
+        old_file += Entry(Line(9, index), std::string(1000, 'x'));
+    }
+    const std::string new_file = old_file + Entries(0, 0, 128);
+    std::mt19937 random(std::random_device{}());
+    // The save starts a few milliseconds after SIGTERM, later on a busy machine.
+    std::uniform_int_distribution<int> delay_us(0, 20000);
+    std::map<std::string, int> outcomes;
+
+    StartDevice(false);
+    for (int attempt = 0; attempt < tries; ++attempt) {
+        SCOPED_TRACE("try " + std::to_string(attempt));
+        ASSERT_TRUE(device_.SetServiceActive(false));
+        ASSERT_TRUE(WriteFile(device_.CachePath(), old_file));
+        if (attempt > 0) {
+            ASSERT_EQ(device_.StartDaemon(), "");
+        }
+        InjectBatch(0, 128, kStored, 128);
+        ASSERT_TRUE(device_.Signal(SIGTERM));
+        std::this_thread::sleep_for(std::chrono::microseconds(delay_us(random)));
+        device_.Signal(SIGKILL);
+        ASSERT_TRUE(device_.WaitForExit(10s).has_value());
+
+        ASSERT_TRUE(Exists(device_.CachePath()));
+        const std::string left = ReadFile(device_.CachePath());
+        const char* outcome = left == old_file                              ? "old file"
+                              : left == new_file                            ? "new file"
+                              : left.empty()                                ? "empty"
+                              : new_file.compare(0, left.size(), left) == 0 ? "cut short"
+                                                                            : "other";
+        ASSERT_STRNE(outcome, "other") << left.size() << " bytes";
+        ++outcomes[outcome];
+
+        // The next run accounts for every entry it finds: delivered, over the cap, or not
+        // readable (only the one that was cut).
+        size_t entries = 0;
+        for (size_t start = 0, end; start < left.size(); start = end + kTerminator.size()) {
+            end = left.find(kTerminator, start);
+            if (end == std::string::npos) end = left.size();
+            entries += end > start;
+        }
+        ASSERT_TRUE(device_.SetServiceActive(true));
+        ASSERT_EQ(device_.StartDaemon(), "");
+        ASSERT_TRUE(device_.WaitForLogLine(kLoaded, 10s));
+        ASSERT_TRUE(entries == 0 || device_.WaitForLogLine(kFlushEnded, 10s));
+        const size_t unreadable = Count("Failed to deserialize: ");
+        EXPECT_LE(unreadable, 1u);
+        EXPECT_EQ(Count(kSent), std::min<size_t>(128, entries - unreadable));
+        EXPECT_EQ(Count(kSent) + Count(kCacheFull) + unreadable, entries);
+        EXPECT_FALSE(Exists(device_.CachePath()));
+        ASSERT_TRUE(device_.Signal(SIGKILL));
+        ASSERT_TRUE(device_.WaitForExit(10s).has_value());
+    }
+    std::cout << "SIGKILL during save, " << tries << " tries:";
+    for (const auto& [outcome, count] : outcomes) std::cout << " " << outcome << " " << count;
+    std::cout << "\n";
+}
+
+// The write truncates first: when the folder is full, the earlier file goes with this run's
+// records.
+TEST_F(FaultTest, FullPersistFolder) {
+    // A small file system of its own over the persist folder, in this test's mount namespace.
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("tavi-full", device_.PersistDir().c_str(), "tmpfs", 0, "size=64k,mode=0700"),
+              0);
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{device_.PersistDir()};
+    // Two whole pages of earlier entries, then filler up to the last byte.
+    std::string old_file;
+    for (int index = 0; index < 8; ++index) {
+        old_file += Entry(Line(9, index), std::string(1002, 'x'));
+    }
+    ASSERT_EQ(old_file.size(), 8192u);
+    ASSERT_TRUE(WriteFile(device_.CachePath(), old_file));
+    android::base::unique_fd filler(
+            open((device_.PersistDir() + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const std::string page(4096, 'f');
+    while (write(filler.get(), page.data(), page.size()) > 0) {
+    }
+
+    StartDevice(false);
+    InjectBatch(0, 3, kStored, 3);
+    StopWhileServiceDown();
+    EXPECT_EQ(Lines("android::WriteStringToFile write failed: No space left on device"), 1u);
+    EXPECT_EQ(Lines(kSaveFailed), 1u);
+    EXPECT_LT(Index(kSaveFailed), Index(kEnded));
+    // 8 earlier entries and 3 of this run: all lost.
+    EXPECT_FALSE(Exists(device_.CachePath()));
+}
+
+struct Obstacle {
+    std::string name;
+    void (*make)(const std::string& cache_path);
+    std::string load_line;
+    std::vector<std::string> save_lines;
+};
+
+class ObstacleTest : public DaemonOnDeviceTest, public ::testing::WithParamInterface<Obstacle> {};
+
+// The replay works around the obstacle; every stop loses what it would have saved.
+TEST_P(ObstacleTest, AtTheCachePath) {
+    const Obstacle& obstacle = GetParam();
+    obstacle.make(device_.CachePath());
+    StartDevice(false);
+    InjectBatch(0, 2, kStored, 2);
+    ASSERT_TRUE(device_.SetServiceActive(true));
+    ASSERT_TRUE(device_.WaitForLogLine(kFlushEnded, 15s));
+    EXPECT_EQ(Lines(obstacle.load_line), 1u);
+    EXPECT_EQ(Count(kSent), 2u);
+
+    ASSERT_TRUE(device_.SetServiceActive(false));
+    InjectBatch(1, 3, kStored, 5);
+    ASSERT_TRUE(device_.Signal(SIGTERM));
+    if (obstacle.name == "Fifo") {
+        // The save blocks in open() until something reads; a reader takes the entries away.
+        EXPECT_FALSE(device_.WaitForLogLine(kEnded, 1s));
+        android::base::unique_fd reader(
+                open(device_.CachePath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        ASSERT_TRUE(reader.ok());
+        ASSERT_TRUE(device_.WaitForLogLine(kSaved, 10s));
+        std::string taken;
+        ASSERT_TRUE(android::base::ReadFdToString(reader.get(), &taken));
+        EXPECT_EQ(taken, Entries(1, 0, 3));
+    }
+    ExpectExit(0);
+    for (const std::string& line : obstacle.save_lines) {
+        EXPECT_EQ(Lines(line), 1u) << line;
+    }
+    // 2 delivered, 3 lost; the obstacle stays for the next stop.
+    EXPECT_EQ(device_.CountRecords("event"), 2u);
+    struct stat status {};
+    ASSERT_EQ(lstat(device_.CachePath().c_str(), &status), 0);
+    EXPECT_FALSE(S_ISREG(status.st_mode));
+    if (obstacle.name == "Link") {
+        EXPECT_EQ(ReadFile(device_.PersistDir() + "/other.bin"), Entry(Line(9, 0)));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+        Faults, ObstacleTest,
+        ::testing::Values(
+                Obstacle{"Directory",
+                         [](const std::string& path) { mkdir(path.c_str(), 0700); },
+                         kNotFound,
+                         {"android::WriteStringToFile open failed: Is a directory", kSaveFailed}},
+                // A link to a file holding an entry: neither read nor replaced, as links are
+                // not followed.
+                Obstacle{"Link",
+                         [](const std::string& path) {
+                             WriteFile(path.substr(0, path.rfind('/')) + "/other.bin",
+                                       Entry(Line(9, 0)));
+                             symlink("other.bin", path.c_str());
+                         },
+                         "Failed to load the cache to " + kCacheFile,
+                         {"Failed to read the existing cache from " + kCacheFile +
+                          ", stop saving the cache"}},
+                Obstacle{"DanglingLink",
+                         [](const std::string& path) { symlink("nowhere.bin", path.c_str()); },
+                         kNotFound,
+                         {"android::WriteStringToFile open failed: Too many levels of symbolic "
+                          "links",
+                          kSaveFailed}},
+                Obstacle{"Fifo",
+                         [](const std::string& path) { mkfifo(path.c_str(), 0600); },
+                         kNotFound,
+                         {kSaved}}),
+        [](const auto& info) { return info.param.name; });
+
+struct Ending {
+    const char* name;
+    int signal_number;
+    std::string earlier_file;
+    bool service_comes_up;  // so the file is loaded
+};
+
+class FatalSignalTest : public DaemonOnDeviceTest, public ::testing::WithParamInterface<Ending> {};
+
+// Only SIGINT and SIGTERM save: any other signal whose default ends the process loses what is
+// held in memory. So does a number outside the signed 32-bit range, which aborts by design,
+// from the kernel or in the file being loaded (deleted before it is read).
+TEST_P(FatalSignalTest, LosesWhatIsHeld) {
+    const Ending& ending = GetParam();
+    ASSERT_TRUE(WriteFile(device_.CachePath(), ending.earlier_file));
+    StartDevice(false);
+    InjectBatch(0, 2, kStored, 2);
+    if (ending.service_comes_up) {
+        ASSERT_TRUE(device_.SetServiceActive(true));
+    } else if (ending.signal_number == SIGABRT) {
+        ASSERT_TRUE(device_.Inject("2,1,1000,2147483648,0,0,0\n"));
+    } else {
+        ASSERT_TRUE(device_.Signal(ending.signal_number));
+    }
+    ExpectExit(ending.signal_number);
+    EXPECT_EQ(Index(kSaved), -1);
+    EXPECT_EQ(Index(kEnded), -1);
+    EXPECT_EQ(Count(kSent), 0u);
+    if (ending.signal_number == SIGABRT) {
+        EXPECT_EQ(Lines("terminate called after throwing an instance of 'std::out_of_range'"), 1u);
+    }
+    if (ending.service_comes_up) {
+        EXPECT_FALSE(Exists(device_.CachePath()));
+    } else {
+        EXPECT_EQ(ReadFile(device_.CachePath()), ending.earlier_file);
+    }
+}
+
+const std::string kEarlier = Entry(Line(9, 0));
+
+INSTANTIATE_TEST_SUITE_P(Faults, FatalSignalTest,
+                         ::testing::Values(Ending{"Sighup", SIGHUP, kEarlier, false},
+                                           Ending{"Sigusr1", SIGUSR1, kEarlier, false},
+                                           Ending{"Sigpipe", SIGPIPE, kEarlier, false},
+                                           Ending{"OutOfRangeRecord", SIGABRT, kEarlier, false},
+                                           Ending{"OutOfRangeEntry", SIGABRT,
+                                                  kEarlier + Entry("2,1,1000,2147483648,1,0,0") +
+                                                          Entry(Line(9, 2)),
+                                                  true}),
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace vendor::vesk::tavi::testing
