@@ -16,7 +16,7 @@ inline const std::string kCacheRecordTerminator{"\0\0\n", 3};
 
 // Messages kept while the event service is not active, and their file across restarts.
 class MessageCache {
-public:
+  public:
     explicit MessageCache(uint32_t max_size) : max_size_(max_size) {}
 
     // Appends a copy unless `max_size` messages are held already.
@@ -28,7 +28,7 @@ public:
     // Appends the file's messages after the held ones and deletes the file.
     bool Load(const std::string& path);
 
-private:
+  private:
     uint32_t max_size_;
     std::vector<Message> messages_;
 };

@@ -11,7 +11,7 @@ namespace vendor::vesk::tavi {
 
 // The daemon's one client of the event-reporting service.
 class UboWrapper {
-public:
+  public:
     explicit UboWrapper(const std::string& name);
     // Closes the session unless close_session was cleared (stop by SIGTERM).
     ~UboWrapper();
