@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks the vendor SELinux policy off-device: compiles it with checkpolicy into a stand-in of
 # the platform policy, with the platform's own neverallow rules that bind a vendor daemon, then
 # asks setools (sesearch, seinfo) whether it grants what the daemon needs and labels its sysfs

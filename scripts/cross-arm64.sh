@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the daemon and its unit tests for 64-bit Arm and runs them under user-mode emulation.
 # Installs the cross compiler, the emulator and the arm64 libraries first when they are
 # missing. BUILD_DIR (default: build-arm64) holds the build; extra arguments go to cmake.

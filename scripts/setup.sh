@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs every Debian package the project needs. Idempotent: prints nothing and touches
 # nothing when all of them are there already. Run as root on Debian 12.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs clang-tidy with the repository's .clang-tidy over the daemon, the host library, the
 # simulator, the tests, the benchmarks and the fuzz targets. Configures its own build tree,
 # build-tidy/ (clang, every optional part on), for the compilation database and the generated

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Boots Debian's stock kernel under full-system emulation with the tavi_log module, the
 # daemon, the event-service simulator and a busybox initramfs, and runs vm/init.sh in it.
 #

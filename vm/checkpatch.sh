@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the kernel's checkpatch.pl (--strict) over the tavi_log module sources. Debian's
 # headers packages do not ship it, so it comes from Debian's linux-source package, downloaded
 # (not installed) into BUILD_DIR (default: build-vm) together with the data files it reads.
