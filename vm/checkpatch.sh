@@ -9,6 +9,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-vm}
 series=${KERNEL_SERIES:-6.1}
 tools="$build_dir/checkpatch-$series"
+# checkpatch.pl wants perl's full library, not only perl-base.
+"$root/scripts/setup.sh" perl xz-utils
 
 if [[ ! -f "$tools/checkpatch.pl" ]]; then
     mkdir -p "$tools/cache"
