@@ -150,9 +150,10 @@ build_daemon() {
 }
 
 # Copies the shared libraries ELF files need, transitively, into STAGE/lib, and their
-# program interpreter to the path they name. SEARCH (folders) comes before the ELF files' own
-# run paths, as LD_LIBRARY_PATH does: the first folder holding a library of the ELF's
-# architecture wins.
+# program interpreter to the path they name. SEARCH (folders) comes before the ELF files'
+# RUNPATH, as LD_LIBRARY_PATH does: the first folder holding a library of the ELF's
+# architecture wins. The interpreter is the host's file at that path, of the same libc6
+# package as the multiarch libc that SEARCH finds first: the two must match exactly.
 stage_libraries() {
     local stage=$1 search=$2 interp path
     shift 2
