@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cache file at its ceiling: Save merging 128 messages into a file that is nearly full,
 // and Load of a full file into an empty cache (128 kept, every further record refused with
 // its log line). Only Save and Load are timed; writing the starting file is not.

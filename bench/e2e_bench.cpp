@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The daemon as a whole in the simulated device: the emulated kernel attribute, the event
 // service simulator and the unmodified daemon in its own mount namespace. Measures
 //   - records per second delivered over a burst, and the latency from writing a record to

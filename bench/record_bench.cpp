@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Per-record cost inside the daemon: the text of one kernel record read from the attribute,
 // parsed, offered to the four handlers as main builds them, packed, serialized and handed to
 // the service library (a stub that takes it and returns at once). Log lines go to a logger

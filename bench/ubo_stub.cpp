@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event service as the benchmarks need it: always active, every event accepted at once.
 
 #include "ubo.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Debian ships Android's libbase and liblog outside the default search path:
 # headers under <include>/android, libraries under <multiarch libdir>/android.
 # CMAKE_LIBRARY_ARCHITECTURE keeps a cross build (aarch64-linux-gnu) on its own copies.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross build for 64-bit Arm Linux with Debian's cross compiler and arm64 multiarch packages
 # (see scripts/cross-arm64.sh). Usage: cmake -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-aarch64.cmake
 set(CMAKE_SYSTEM_NAME Linux)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole cache file: Load must delete it, keep at most the capacity, in file order, exactly
 // the entries that read as records; what it keeps must survive Save and a second Load.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One cache record: the reader must accept exactly the records an independent reading of the
 // format accepts, with the same fields, and an accepted record must survive being written
 // and read back.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 // Independent readers of the two text formats. A number outside int32 ends the daemon by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernel line parser against the line format's regular expression as an oracle: both must
 // accept exactly the same texts, an accepted text must give the seven numbers in order, and
 // a rejected one must leave the record alone and log the raw text.

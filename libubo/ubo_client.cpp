@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host libubo.so: each session is one connection to the event-service simulator (ubo_sim).
 #include <errno.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the host libubo.so and the event-service simulator (ubo_sim) meet; the messages are in
 // ubo_protocol.proto.
 #pragma once

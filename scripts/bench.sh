@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the benchmarks (Release) into build-bench/ and prints every figure: per-record work
 # in process against the regular-expression reading of the line format, the cache file at its
 # ceiling, and the daemon end to end in the simulated device (root and FUSE; skipped

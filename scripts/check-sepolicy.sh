@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks the vendor SELinux policy off-device: compiles it with checkpolicy into a stand-in of
 # the platform policy, with the platform's own neverallow rules that bind a vendor daemon, then
-# asserts that it grants what the daemon needs and nothing beyond, validates the file contexts
-# and looks up the labels of the daemon's paths.
+# asks setools (sesearch, seinfo) whether it grants what the daemon needs and labels its sysfs
+# attribute, validates the file contexts and looks up the labels of the daemon's paths.
 #
 # Everything in the stand-in is copied from the public platform policy (system/sepolicy of
 # Android 13, 14 and 15; the files named are those of Android 15, where several rules moved
@@ -13,7 +14,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 policy_dir=$(cd "${1:-$root/sepolicy}" && pwd)
-"$root/scripts/setup.sh" checkpolicy m4 policycoreutils selinux-utils
+"$root/scripts/setup.sh" checkpolicy m4 policycoreutils selinux-utils setools
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -178,39 +179,39 @@ checkpolicy -M -c 30 -o "$work/policy" "$work/policy.conf" >"$work/checkpolicy.l
 }
 setfiles -c "$work/policy" "$policy_dir/file_contexts"
 
-# What the daemon does on the device must be granted. checkpolicy's debug mode answers for the
-# compiled policy; it numbers contexts as it meets them, after the kernel's 1.
-ask_policy() { checkpolicy -M -b -d "$work/policy" 2>/dev/null; }
+# What the daemon does on the device must be granted. setools answers for the compiled policy,
+# rules given through attributes included.
 expect_allowed() {
     local source=$1 target=$2 class=$3 granted permission
     shift 3
-    granted=" $(printf '2\n%s\n2\n%s\n0\n2\n3\n%s\nq\n' "$source" "$target" "$class" |
-        ask_policy | sed -n 's/.*allowed { \(.*\) }$/\1/p') "
+    granted=" $(sesearch "$work/policy" -A -s "$source" -t "$target" -c "$class" |
+        sed -E 's/^[^:]*:[^ ]* //; s/[{};]//g' | xargs) "
     for permission in "$@"; do
         [[ "$granted" == *" $permission "* ]] ||
             fail "$source lacks $permission on $target:$class (has:$granted)"
     done
 }
-daemon=u:r:tavi_daemon:s0
-cache=u:object_r:persist_tavi_file:s0
-exec=u:object_r:tavi_daemon_exec:s0
-expect_allowed u:r:init:s0 "$exec" file execute read open getattr
-expect_allowed u:r:init:s0 "$daemon" process transition
-expect_allowed "$daemon" "$exec" file entrypoint
-expect_allowed "$daemon" u:object_r:sysfs_tavi:s0 file open read getattr
-expect_allowed "$daemon" u:object_r:mnt_vendor_file:s0 dir search
-expect_allowed "$daemon" "$cache" dir search write add_name remove_name
-expect_allowed "$daemon" "$cache" file create open read write getattr setattr unlink
+expect_allowed init tavi_daemon_exec file execute read open getattr
+expect_allowed init tavi_daemon process transition
+expect_allowed tavi_daemon tavi_daemon_exec file entrypoint
+expect_allowed tavi_daemon sysfs_tavi file open read getattr
+expect_allowed tavi_daemon mnt_vendor_file dir search
+expect_allowed tavi_daemon persist_tavi_file dir search write add_name remove_name
+expect_allowed tavi_daemon persist_tavi_file file create open read write getattr setattr unlink
 
-started_as=$(printf '2\nu:r:init:s0\n2\n%s\n3\n2\n3\nprocess\n1\n4\nq\n' "$exec" |
-    ask_policy | sed -n 's/^scontext //p')
-[[ "$started_as" == "$daemon" ]] || fail "init starts the daemon as \"$started_as\""
+started_as=$(sesearch "$work/policy" -T -s init -t tavi_daemon_exec -c process |
+    sed -n 's/.* \([^ ]*\);$/\1/p')
+[[ "$started_as" == tavi_daemon ]] || fail "init starts the daemon as \"$started_as\""
+# The label of a sysfs path: the longest genfscon path that begins it, as the kernel picks.
 sysfs_label() {
-    printf 'd\nsysfs\n%s\n%s\n1\n2\nq\n' "$1" "$2" | ask_policy | sed -n 's/^scontext //p'
+    seinfo "$work/policy" --genfscon sysfs | awk -v path="$1" '
+        $1 == "genfscon" && index(path, $3) == 1 && length($3) > length(best) {
+            best = $3; label = $NF }
+        END { print label }'
 }
-[[ "$(sysfs_label /kernel/tavi/log file)" == u:object_r:sysfs_tavi:s0 ]] ||
+[[ "$(sysfs_label /kernel/tavi/log)" == u:object_r:sysfs_tavi:s0 ]] ||
     fail "/sys/kernel/tavi/log is not labeled sysfs_tavi"
-[[ "$(sysfs_label /kernel/tavi dir)" == u:object_r:sysfs:s0 ]] ||
+[[ "$(sysfs_label /kernel/tavi)" == u:object_r:sysfs:s0 ]] ||
     fail "/sys/kernel/tavi is not left to the platform's sysfs label"
 
 # The labels of the daemon's paths, and a neighbour that stays the partition's.
@@ -222,8 +223,8 @@ expect_label() {
     label=$(label_of "$1")
     [[ "$label" == "$2" ]] || fail "$1 is labeled \"$label\", expected $2"
 }
-expect_label /vendor/bin/tavi_daemon "$exec"
-expect_label /mnt/vendor/persist/tavi "$cache"
-expect_label /mnt/vendor/persist/tavi/cache.bin "$cache"
+expect_label /vendor/bin/tavi_daemon u:object_r:tavi_daemon_exec:s0
+expect_label /mnt/vendor/persist/tavi u:object_r:persist_tavi_file:s0
+expect_label /mnt/vendor/persist/tavi/cache.bin u:object_r:persist_tavi_file:s0
 expect_label /mnt/vendor/persist/tavi_other "selabel_lookup failed to find a valid context."
 echo "check-sepolicy: policy compiles, grants what the daemon needs and nothing more"

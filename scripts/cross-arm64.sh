@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the daemon and its unit tests for 64-bit Arm and runs them under user-mode emulation.
 # Installs the cross compiler, the emulator and the arm64 libraries first when they are
 # missing. BUILD_DIR (default: build-arm64) holds the build; extra arguments go to cmake.
@@ -6,16 +7,8 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-arm64}
 
-if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-    if [[ $(id -u) -ne 0 ]]; then
-        echo "cross-arm64: run as root once to add the arm64 architecture" >&2
-        exit 1
-    fi
-    dpkg --add-architecture arm64
-    apt-get update -qq
-fi
 "$root/scripts/setup.sh" \
-    g++-aarch64-linux-gnu qemu-user \
+    g++-aarch64-linux-gnu qemu-user file \
     android-libbase-dev:arm64 android-liblog-dev:arm64 \
     libprotobuf-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The daemon's story on a simulated device, from a fresh Debian 12 machine: installs what is
 # needed, builds, then runs the daemon against an emulated kernel attribute and a simulated
 # event service and narrates what happens. Every expected log line and event is checked; the

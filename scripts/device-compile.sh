@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Compiles every translation unit that Android.bp builds (daemon, unit tests, fuzz targets) the
 # way the platform's toolchain does: clang with libc++, gnu++20, no RTTI, no exceptions, the
 # warnings Soong turns on for device code and -Werror, against the generated lite schema.

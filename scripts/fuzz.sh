@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the libFuzzer targets with clang, ASan and UBSan into build-fuzz/ and runs each in
 # turn for a while. New inputs go to build-fuzz/corpus/<target>/ (the seeds in fuzz/corpus/
 # stay as they are); a crashing input is written to build-fuzz/artifacts/.

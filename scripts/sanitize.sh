@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds everything with sanitizers and runs the whole test suite, the daemon that the
 # end-to-end tests start included:
 #   address  ASan + UBSan into build-asan/

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs every Debian package the project needs. Idempotent: prints nothing and touches
 # nothing when all of them are there already. Run as root on Debian 12.
 set -euo pipefail
@@ -35,7 +36,20 @@ if [[ $(id -u) -ne 0 ]]; then
     echo "setup: missing packages: ${missing[*]}; run as root to install them" >&2
     exit 1
 fi
+# A package of another architecture (NAME:arm64) needs that architecture enabled first.
+for package in "${missing[@]}"; do
+    arch=${package#*:}
+    [[ "$package" == *:* && "$arch" != "$native_arch" ]] || continue
+    dpkg --print-foreign-architectures | grep -qx "$arch" || dpkg --add-architecture "$arch"
+done
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# apt's own chatter (debconf's notes included) is shown only when the installation fails.
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { apt-get update -qq && apt-get install -y -qq --no-install-recommends "${missing[@]}"; } \
+    >"$log" 2>&1; then
+    tail -n 40 "$log" >&2
+    echo "setup: installing ${missing[*]} failed" >&2
+    exit 1
+fi

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The whole test suite from a fresh machine: set-up, configure, build, run every test.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Boots Debian's stock kernel under full-system emulation with the tavi_log module, the
 # daemon, the event-service simulator and a busybox initramfs, and runs vm/init.sh in it.
 #
@@ -6,7 +7,8 @@
 #   BUILD_DIR     work folder (default: build-vm): unpacked kernels, builds, console logs
 #   TAVI_VM_CACHE downloaded packages, kept between runs and clones (default: /var/cache/tavi-vm)
 #   TAVI_VM_ACCEL kvm or tcg (default: kvm when /dev/kvm opens and the guest is the host's
-#                 architecture, tcg otherwise)
+#                 architecture, tcg otherwise); a guest that does not boot with KVM is
+#                 booted again with TCG
 #   VM_TIMEOUT    seconds one VM may run (default: 180)
 #   KERNEL_ABI    Debian kernel ABI, e.g. 6.1.0-56 (default: the one linux-image-amd64 names)
 #   TAVI_VM_HOST_BUILD  a configured host build whose binaries the host-architecture VM uses
@@ -37,7 +39,7 @@ quiet() { # runs a command, showing its output only when it fails
     rm -f "$log"
 }
 
-host_packages=(qemu-system-x86 qemu-system-arm cpio gzip libelf-dev binutils)
+host_packages=(qemu-system-x86 qemu-system-arm cpio gzip libelf-dev binutils pax-utils python3)
 arm64_packages=(gcc-aarch64-linux-gnu libc6-dev-arm64-cross)
 if [[ "$with_daemon" == 1 ]]; then
     # The cross toolchain file also wants qemu-user for running target programs.
@@ -46,11 +48,6 @@ if [[ "$with_daemon" == 1 ]]; then
 fi
 
 setup_packages() {
-    if [[ " $* " == *" arm64 "* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
-        [[ $(id -u) -eq 0 ]] || die "run as root once to add the arm64 architecture"
-        dpkg --add-architecture arm64
-        apt-get update -qq
-    fi
     local packages=("${host_packages[@]}")
     [[ " $* " == *" arm64 "* ]] && packages+=("${arm64_packages[@]}")
     "$root/scripts/setup.sh" "${packages[@]}"
@@ -153,41 +150,30 @@ build_daemon() {
 }
 
 # Copies the shared libraries ELF files need, transitively, into STAGE/lib, and their
-# program interpreter to the path they name. The first search folder holding a library wins.
+# program interpreter to the path they name. SEARCH (folders) comes before the ELF files'
+# RUNPATH, as LD_LIBRARY_PATH does: the first folder holding a library of the ELF's
+# architecture wins. The interpreter is the host's file at that path, of the same libc6
+# package as the multiarch libc that SEARCH finds first: the two must match exactly.
 stage_libraries() {
-    local stage=$1 search=$2
+    local stage=$1 search=$2 interp path
     shift 2
-    local pending=("$@") seen=" " file
-    while [[ ${#pending[@]} -gt 0 ]]; do
-        file=${pending[0]}
-        pending=("${pending[@]:1}")
-        local interp
-        interp=$(readelf -l "$file" | sed -n 's/.*program interpreter: \(.*\)]$/\1/p')
-        if [[ -n "$interp" && ! -e "$stage$interp" ]]; then
-            # From the same folder as libc when there is one: the two must match exactly.
-            local interp_file
-            interp_file=$(find_library "$(basename "$interp")" "$search") || interp_file=$interp
-            mkdir -p "$stage$(dirname "$interp")"
-            cp -L "$interp_file" "$stage$interp"
-        fi
-        local needed
-        for needed in $(readelf -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]$/\1/p'); do
-            [[ "$seen" == *" $needed "* ]] && continue
-            seen+="$needed "
-            local found
-            found=$(find_library "$needed" "$search") || die "no $needed for $file"
-            cp -L "$found" "$stage/lib/$needed"
-            pending+=("$found")
-        done
+    interp=$(lddtree_in "$search" "$1" | sed -n '1s/.*(interpreter => \(.*\))$/\1/p')
+    [[ "$interp" == /* ]] || die "$1 names no program interpreter"
+    mkdir -p "$stage$(dirname "$interp")"
+    cp -L "$interp" "$stage$interp"
+    lddtree_in "$search" --list "$@" | while read -r path; do
+        [[ "$path" == /* ]] || die "no $path for $*"
+        [[ " $* " == *" $path "* ]] || cp -L "$path" "$stage/lib/"
     done
 }
 
-find_library() {
-    local name=$1 search=$2 dir
-    for dir in $search; do
-        [[ -e "$dir/$name" ]] && { echo "$dir/$name"; return 0; }
-    done
-    return 1
+# lddtree (pax-utils) is a script of Debian's python3, which has the ELF module it needs:
+# another python3 may come first on PATH.
+lddtree_in() {
+    local search=$1
+    shift
+    # shellcheck disable=SC2086 # the folders are split on white space
+    LD_LIBRARY_PATH=$(echo $search | tr ' ' :) /usr/bin/python3 /usr/bin/lddtree "$@"
 }
 
 make_initramfs() {
@@ -219,21 +205,21 @@ make_initramfs() {
 
 run_vm() {
     local arch=$1 kernel=$2 initrd=$3 console_log=$4
-    local qemu accel
-    accel=$(vm_accel "$arch")
-    case "$arch-$accel" in
-        x86_64-kvm) qemu=(qemu-system-x86_64 -accel kvm -cpu host) console=ttyS0 ;;
-        x86_64-tcg) qemu=(qemu-system-x86_64 -accel tcg -cpu max) console=ttyS0 ;;
-        arm64-kvm) qemu=(qemu-system-aarch64 -M virt,gic-version=host -accel kvm -cpu host)
-            console=ttyAMA0 ;;
-        arm64-tcg) qemu=(qemu-system-aarch64 -M virt -cpu cortex-a57 -accel tcg) console=ttyAMA0 ;;
-    esac
+    local qemu accel accel_why console=ttyS0
+    choose_accel "$arch"
+    [[ "$arch" == arm64 ]] && console=ttyAMA0
     # Emulated on a busy host, the kernel's IO-APIC timer check can fail and stop the boot.
     local append="console=$console panic=-1 quiet loglevel=4"
     [[ "$arch" == x86_64 ]] && append+=" no_timer_check"
     local status attempt
     for attempt in 1 2; do
-        say "$arch: qemu with ${accel^^}"
+        case "$arch-$accel" in
+            x86_64-kvm) qemu=(qemu-system-x86_64 -accel kvm -cpu host) ;;
+            x86_64-tcg) qemu=(qemu-system-x86_64 -accel tcg -cpu max) ;;
+            arm64-kvm) qemu=(qemu-system-aarch64 -M virt,gic-version=host -accel kvm -cpu host) ;;
+            arm64-tcg) qemu=(qemu-system-aarch64 -M virt -cpu cortex-a57 -accel tcg) ;;
+        esac
+        say "$arch: qemu with ${accel^^} ($accel_why)"
         status=0
         timeout -k 10 "$vm_timeout" nice "${qemu[@]}" -m 512 -smp 1 -nographic -no-reboot \
             -kernel "$kernel" -initrd "$initrd" -append "$append" \
@@ -241,25 +227,54 @@ run_vm() {
         tr -d '\r' <"$console_log" >"$console_log.txt"
         # Only a boot that never reached /init is tried again; a failed check is final.
         grep -q '^TAVI-VM: start' "$console_log.txt" && break
-        [[ $attempt -eq 1 ]] && say "$arch: the kernel did not reach /init; booting once more"
+        if [[ "$accel" == kvm ]]; then
+            # A /dev/kvm that opens may still be unable to run a guest (qemu: "failed to set
+            # MSR", then an assertion): the retry never uses KVM again.
+            accel=tcg
+            accel_why="the guest did not boot with KVM: $(boot_failure "$console_log.txt" $status)"
+        elif [[ $attempt -eq 1 ]]; then
+            say "$arch: the kernel did not reach /init; booting once more"
+        fi
     done
     grep -E '^(ok|not ok) - |^TAVI-VM: ' "$console_log.txt" || true
     [[ $status -eq 124 || $status -eq 137 ]] && say "$arch: the VM ran out of its ${vm_timeout}s"
     grep -q '^TAVI-VM: PASS' "$console_log.txt"
 }
 
-# Hardware virtualisation only for a guest of the host's own architecture, and only when
-# /dev/kvm really opens (it may exist yet be refused, e.g. in a container).
-vm_accel() {
+# Why a boot did not reach /init: qemu's own first complaint, else how it ended.
+boot_failure() {
+    local log=$1 status=$2 complaint
+    complaint=$(grep -m 1 -E '^qemu-system-[a-z0-9_]+: |Assertion' "$log" || true)
+    if [[ -n "$complaint" ]]; then
+        echo "$complaint"
+    elif [[ $status -eq 124 || $status -eq 137 ]]; then
+        echo "no /init within ${vm_timeout}s"
+    else
+        echo "qemu ended with status $status before /init"
+    fi
+}
+
+# Sets accel (kvm or tcg) and accel_why for a guest. Hardware virtualisation only for a guest
+# of the host's own architecture, and only when /dev/kvm opens (it may exist yet be refused,
+# e.g. in a container); TAVI_VM_ACCEL=kvm tries it regardless. run_vm still falls back to TCG
+# when the guest does not boot with it.
+choose_accel() {
     local arch=$1 host
-    [[ -n "${TAVI_VM_ACCEL:-}" ]] && { echo "$TAVI_VM_ACCEL"; return; }
     host=$(uname -m)
     [[ "$host" == aarch64 ]] && host=arm64
+    if [[ -n "${TAVI_VM_ACCEL:-}" ]]; then
+        [[ "$TAVI_VM_ACCEL" == kvm || "$TAVI_VM_ACCEL" == tcg ]] ||
+            die "TAVI_VM_ACCEL is kvm or tcg, not \"$TAVI_VM_ACCEL\""
+        accel=$TAVI_VM_ACCEL accel_why="TAVI_VM_ACCEL=$TAVI_VM_ACCEL"
+    elif [[ "$host" != "$arch" ]]; then
+        accel=tcg accel_why="the guest is not of the host's architecture, $host"
     # -c first: opening a missing path read-write would create it.
-    if [[ "$host" == "$arch" && -c /dev/kvm ]] && (exec 3<>/dev/kvm) 2>/dev/null; then
-        echo kvm
+    elif [[ ! -c /dev/kvm ]]; then
+        accel=tcg accel_why="no /dev/kvm"
+    elif ! (exec 3<>/dev/kvm) 2>/dev/null; then
+        accel=tcg accel_why="/dev/kvm does not open"
     else
-        echo tcg
+        accel=kvm accel_why="/dev/kvm opens and the guest is of the host's architecture"
     fi
 }
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <cstddef>
@@ -16,7 +18,7 @@ inline const std::string kCacheRecordTerminator{"\0\0\n", 3};
 
 // Messages kept while the event service is not active, and their file across restarts.
 class MessageCache {
-public:
+  public:
     explicit MessageCache(uint32_t max_size) : max_size_(max_size) {}
 
     // Appends a copy unless `max_size` messages are held already.
@@ -28,7 +30,7 @@ public:
     // Appends the file's messages after the held ones and deletes the file.
     bool Load(const std::string& path);
 
-private:
+  private:
     uint32_t max_size_;
     std::vector<Message> messages_;
 };

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <sys/signalfd.h>
@@ -21,7 +23,7 @@ using InterruptCallback = std::function<void()>;
 // The daemon's event loop: sysfs notifications, SIGINT/SIGTERM through a signalfd, and
 // wake-ups from other threads through a pipe.
 class MessageListener {
-public:
+  public:
     // Opens every path and blocks SIGINT and SIGTERM for the calling thread; call it before
     // starting any other thread so that they inherit the mask.
     bool Setup(const std::vector<std::string>& sysfs_paths,
@@ -34,7 +36,7 @@ public:
     bool Poll(const MessageCallback& message_callback, const SignalCallback& signal_callback,
               const InterruptCallback& interrupt_callback);
 
-private:
+  private:
     void DrainSysfsFile(size_t index, char* buffer, size_t buffer_size,
                         const MessageCallback& message_callback);
     bool HandleSignal(const SignalCallback& signal_callback);

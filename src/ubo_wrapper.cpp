@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "ubo_wrapper.h"
 
 #include <string>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <atomic>
@@ -11,7 +13,7 @@ namespace vendor::vesk::tavi {
 
 // The daemon's one client of the event-reporting service.
 class UboWrapper {
-public:
+  public:
     explicit UboWrapper(const std::string& name);
     // Closes the session unless close_session was cleared (stop by SIGTERM).
     ~UboWrapper();

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The policy check must reject a policy the platform build rejects. Each case is the project's
 # policy plus one line (or one edit); the check must fail, naming the rule or the error.
 set -uo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real tavi_daemon on the simulated device: kernel records in; events at the service,
 // log lines, the cache file and the end of the process out. Where records are lost, every
 // case counts each one: delivered, in the cache file, or lost with the line that says so.

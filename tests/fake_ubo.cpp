@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "fake_ubo.h"
 
 namespace vendor::vesk::tavi::testing::fake_ubo {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "message_cache.h"
 
 #include <linux/capability.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # tavi-device and its launcher on this host: signal state as init hands it to a service,
 # a start-up draining more than a pipe buffer of log lines, and repeated up/down cycles.
 # usage: tavi_device_test.sh BUILD_DIR   (root; exits 77 to be skipped otherwise)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host libubo.so against a running ubo_sim, driven the way the daemon drives the service.
 #include <fcntl.h>
 #include <signal.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the kernel's checkpatch.pl (--strict) over the tavi_log module sources. Debian's
 # headers packages do not ship it, so it comes from Debian's linux-source package, downloaded
 # (not installed) into BUILD_DIR (default: build-vm) together with the data files it reads.
@@ -8,6 +9,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-vm}
 series=${KERNEL_SERIES:-6.1}
 tools="$build_dir/checkpatch-$series"
+# checkpatch.pl wants perl's full library, not only perl-base.
+"$root/scripts/setup.sh" perl xz-utils
 
 if [[ ! -f "$tools/checkpatch.pl" ]]; then
     mkdir -p "$tools/cache"

@@ -1,4 +1,5 @@
 #!/bin/busybox sh
+# SPDX-License-Identifier: Apache-2.0
 # /init of the test VM. Checks the tavi_log module from user space, then, when the image
 # holds them, runs tavi_daemon against the event-service simulator. Prints "ok - NAME" or
 # "not ok - NAME" per check, one verdict line "TAVI-VM: PASS ..." or "TAVI-VM: FAIL ...",

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Reads a record attribute the way the listener does: poll() for POLLPRI|POLLERR, then
  * read at most page size - 1 bytes from offset 0 and seek back to 0, again and again until a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Client API of the device's event-reporting service (libubo.so).
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tavi_sysfs_emu: emulates the kernel's log attribute on a plain Linux host with a FUSE file
 // system. It serves three files:
 //   log      0444  one pending record per read at offset 0, then an empty read; poll() reports

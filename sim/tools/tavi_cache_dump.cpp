@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tavi_cache_dump: shows a cache file of the daemon entry by entry: each entry's index, the
 // message in its log text form and the entry's bytes. The file is only read, never changed.
 //

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks tavi_cache_dump against hand-made cache files: one entry per case, its expected
 # verdict, and the file left exactly as it was.
 #

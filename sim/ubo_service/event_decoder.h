@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decodes event payloads field by field, guided by the event schema read at run time.
 #pragma once
 

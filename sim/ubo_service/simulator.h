@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event service as seen through libubo.so: sessions, an active flag, a scripted
 // add_event result and a log of every event, all on one thread driven by epoll.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ubo_sim: the event-reporting service of the simulated device.
 #include <stdio.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ubo_simctl: changes and reads the state of a running ubo_sim through its control socket.
 #include <errno.h>
 #include <signal.h>

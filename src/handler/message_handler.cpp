@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "handler/message_handler.h"
 
 #include <android-base/logging.h>

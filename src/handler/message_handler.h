@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #pragma once
 
 #include <memory>
@@ -13,7 +15,7 @@ namespace vendor::vesk::tavi {
 // Routes a record of its device area: cached while the service is inactive, otherwise
 // packed into its event and sent.
 class MessageHandler {
-public:
+  public:
     MessageHandler(std::shared_ptr<UboWrapper>& ubo_wrapper,
                    std::shared_ptr<MessageCache>& message_cache);
     virtual ~MessageHandler() = default;
@@ -26,34 +28,34 @@ public:
 
     void HandleMessage(const Message& message);
 
-protected:
+  protected:
     std::shared_ptr<UboWrapper> ubo_wrapper_;
     std::shared_ptr<MessageCache> message_cache_;
 };
 
 class CameraMessageHandler : public MessageHandler {
-public:
+  public:
     using MessageHandler::MessageHandler;
     std::unique_ptr<google::protobuf::MessageLite> PackMessage(const Message& message) override;
     bool IsTargetMessage(const Message& message) override;
 };
 
 class LinuxOsMessageHandler : public MessageHandler {
-public:
+  public:
     using MessageHandler::MessageHandler;
     std::unique_ptr<google::protobuf::MessageLite> PackMessage(const Message& message) override;
     bool IsTargetMessage(const Message& message) override;
 };
 
 class DisplayMessageHandler : public MessageHandler {
-public:
+  public:
     using MessageHandler::MessageHandler;
     std::unique_ptr<google::protobuf::MessageLite> PackMessage(const Message& message) override;
     bool IsTargetMessage(const Message& message) override;
 };
 
 class ChargerMessageHandler : public MessageHandler {
-public:
+  public:
     using MessageHandler::MessageHandler;
     std::unique_ptr<google::protobuf::MessageLite> PackMessage(const Message& message) override;
     bool IsTargetMessage(const Message& message) override;
