@@ -124,6 +124,17 @@ type vendor_data_file, file_type, data_file_type;
 typeattribute init coredomain;
 typeattribute ueventd coredomain;
 typeattribute kernel coredomain;
+type apexd, domain;
+type vold, domain;
+type tee, domain;
+attribute hal_bluetooth;
+attribute hal_wifi;
+attribute hal_wifi_supplicant;
+attribute hal_telephony_server;
+# The domains that read every sysfs file (private/init.te, apexd.te, vold.te, ueventd.te,
+# vendor_init.te, hal_*.te, vendor/tee.te), and vendor_init's chown of pseudo files.
+allow { init vendor_init ueventd apexd vold tee hal_bluetooth hal_wifi hal_wifi_supplicant hal_telephony_server } sysfs_type:file read;
+allow vendor_init fs_type:file { open read setattr map };
 EOF
 
 # The platform's neverallow rules that bind a vendor daemon, from private/domain.te (some in
@@ -198,6 +209,7 @@ expect_allowed u:r:init:s0 "$exec" file execute read open getattr
 expect_allowed u:r:init:s0 "$daemon" process transition
 expect_allowed "$daemon" "$exec" file entrypoint
 expect_allowed "$daemon" u:object_r:sysfs_tavi:s0 file open read getattr
+expect_allowed u:r:vendor_init:s0 u:object_r:sysfs_tavi:s0 file setattr
 expect_allowed "$daemon" u:object_r:mnt_vendor_file:s0 dir search
 expect_allowed "$daemon" "$cache" dir search write add_name remove_name
 expect_allowed "$daemon" "$cache" file create open read write getattr setattr unlink
