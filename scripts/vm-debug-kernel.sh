@@ -39,7 +39,7 @@ if [[ "$(cat "$out/.tavi-stamp" 2>/dev/null)" != "$stamp" ]]; then
     while read -r option; do
         grep -qx "$option" "$out/.config" || { echo "vm-debug-kernel: $option did not stick" >&2; exit 1; }
     done < <(grep '^CONFIG_' "$root/vm/debug-kernel.config")
-    echo "vm-debug-kernel: building the kernel in $out (long: about an hour on two busy cores)"
+    echo "vm-debug-kernel: building the kernel in $out (once per machine: up to an hour on two busy cores)"
     start=$SECONDS
     make_kernel -j"$(nproc)" bzImage modules modules_prepare
     echo "vm-debug-kernel: kernel built in $((SECONDS - start))s"
