@@ -199,30 +199,28 @@ static ssize_t inject_store(struct kobject *kobj, struct kobj_attribute *attr,
 	return ret ? ret : count;
 }
 
-static struct kobj_attribute log_attr = __ATTR_RO(log);
+/*
+ * Reading log takes the record away, so only the listener may read it: owner
+ * only, and init hands the file to the listener's user at boot.
+ */
+static struct kobj_attribute log_attr = __ATTR_RO_MODE(log, 0400);
 static struct kobj_attribute dropped_attr = __ATTR_RO(dropped);
 static struct kobj_attribute inject_attr = __ATTR_WO(inject);
 
 static struct attribute *tavi_attrs[] = {
 	&log_attr.attr,
 	&dropped_attr.attr,
-	&inject_attr.attr,
 	NULL,
 };
 
-static umode_t tavi_attr_visible(struct kobject *kobj, struct attribute *attr,
-				 int n)
-{
-	if (attr == &inject_attr.attr && !allow_inject)
-		return 0;
-	return attr->mode;
-}
-
 static const struct attribute_group tavi_group = {
 	.attrs = tavi_attrs,
-	.is_visible = tavi_attr_visible,
 };
 
+/*
+ * inject is created only once the node it notifies is known: a write racing
+ * with the load must not reach kernfs_notify() before tavi_log_kn is set.
+ */
 static int __init tavi_log_init(void)
 {
 	int ret;
@@ -240,15 +238,33 @@ static int __init tavi_log_init(void)
 		ret = -ENOENT;
 		goto err_put;
 	}
+
+	if (allow_inject) {
+		ret = sysfs_create_file(tavi_kobj, &inject_attr.attr);
+		if (ret)
+			goto err_put_kn;
+	}
 	return 0;
 
+err_put_kn:
+	sysfs_put(tavi_log_kn);
 err_put:
 	kobject_put(tavi_kobj);
 	return ret;
 }
 
+/*
+ * Removing the directory does not wake a reader blocked in poll(), so notify
+ * once the files are gone: the reader's poll() returns POLLERR|POLLPRI at
+ * once from then on and its reads fail with ENODEV, telling it that the log
+ * went away. kobject_del() has waited for every show() and store() to end, so
+ * nothing reports any more; the reference taken at init keeps the node valid
+ * for the notification.
+ */
 static void __exit tavi_log_exit(void)
 {
+	kobject_del(tavi_kobj);
+	kernfs_notify(tavi_log_kn);
 	sysfs_put(tavi_log_kn);
 	kobject_put(tavi_kobj);
 }

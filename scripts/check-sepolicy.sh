@@ -125,6 +125,17 @@ type vendor_data_file, file_type, data_file_type;
 typeattribute init coredomain;
 typeattribute ueventd coredomain;
 typeattribute kernel coredomain;
+type apexd, domain;
+type vold, domain;
+type tee, domain;
+attribute hal_bluetooth;
+attribute hal_wifi;
+attribute hal_wifi_supplicant;
+attribute hal_telephony_server;
+# The domains that read every sysfs file (private/init.te, apexd.te, vold.te, ueventd.te,
+# vendor_init.te, hal_*.te, vendor/tee.te), and vendor_init's chown of pseudo files.
+allow { init vendor_init ueventd apexd vold tee hal_bluetooth hal_wifi hal_wifi_supplicant hal_telephony_server } sysfs_type:file read;
+allow vendor_init fs_type:file { open read setattr map };
 EOF
 
 # The platform's neverallow rules that bind a vendor daemon, from private/domain.te (some in
@@ -195,6 +206,7 @@ expect_allowed init tavi_daemon_exec file execute read open getattr
 expect_allowed init tavi_daemon process transition
 expect_allowed tavi_daemon tavi_daemon_exec file entrypoint
 expect_allowed tavi_daemon sysfs_tavi file open read getattr
+expect_allowed vendor_init sysfs_tavi file setattr
 expect_allowed tavi_daemon mnt_vendor_file dir search
 expect_allowed tavi_daemon persist_tavi_file dir search write add_name remove_name
 expect_allowed tavi_daemon persist_tavi_file file create open read write getattr setattr unlink

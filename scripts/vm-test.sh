@@ -14,6 +14,8 @@
 #   TAVI_VM_HOST_BUILD  a configured host build whose binaries the host-architecture VM uses
 #                 (default: build, the test command's; a build of its own when absent)
 #   TAVI_VM_DAEMON=0  kernel checks only: no daemon, simulator or libubo in the image
+#   TAVI_VM_KERNEL, TAVI_VM_KDIR  boot this kernel image and build the module in this kernel
+#                 build tree instead of Debian's (x86_64; scripts/vm-debug-kernel.sh sets them)
 #
 # The kernel packages are unpacked into BUILD_DIR, never installed: the host's kernel and
 # boot files stay as they are.
@@ -285,9 +287,9 @@ prepare_arch() {
     [[ "$arch" == arm64 ]] && cc=aarch64-linux-gnu-gcc
     local kernel_dir="$build_dir/kernel-$abi-$deb_arch"
     fetch_kernel "$deb_arch" "$abi" "$kernel_dir"
-    say "$arch: building tavi_log against linux-headers-$abi-$deb_arch"
-    build_module "$arch" "$kernel_dir/usr/src/linux-headers-$abi-$deb_arch" \
-        "$build_dir/kmod-$arch"
+    local kdir=${TAVI_VM_KDIR:-$kernel_dir/usr/src/linux-headers-$abi-$deb_arch}
+    say "$arch: building tavi_log against $kdir"
+    build_module "$arch" "$kdir" "$build_dir/kmod-$arch"
     quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -o "$build_dir/pollcheck-$arch" \
         "$root/vm/pollcheck.c"
     local daemon_build=
@@ -317,9 +319,10 @@ test_arch() {
     local start=$SECONDS
     prepare_arch "$arch" "$abi" "$deb_arch"
     local built=$SECONDS
-    say "$arch: booting $abi-$deb_arch (prepared in $((built - start))s)"
+    local kernel=${TAVI_VM_KERNEL:-$build_dir/kernel-$abi-$deb_arch/boot/vmlinuz-$abi-$deb_arch}
+    say "$arch: booting $kernel (prepared in $((built - start))s)"
     local verdict=PASS
-    run_vm "$arch" "$build_dir/kernel-$abi-$deb_arch/boot/vmlinuz-$abi-$deb_arch" \
+    run_vm "$arch" "$kernel" \
         "$build_dir/initramfs-$arch.cpio.gz" "$build_dir/console-$arch.log" || verdict=FAIL
     say "$arch: $verdict, VM ran $((SECONDS - built))s"
     say "$arch: console log in $build_dir/console-$arch.log.txt"

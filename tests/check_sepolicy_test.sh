@@ -25,6 +25,7 @@ cases=(
     "capability on itself|allow tavi_daemon self:capability dac_override;|platform_neverallows.te"
     "entered from a system file|sed:s/exec_type, vendor_file_type, file_type/exec_type, file_type/|platform_neverallows.te"
     "broader than the daemon needs|allow tavi_daemon persist_tavi_file:file rename;|narrow.te"
+    "another domain reads the log|allow kernel sysfs_tavi:file read;|tavi_daemon.te"
 )
 for entry in "${cases[@]}"; do
     IFS='|' read -r name change expected <<<"$entry"

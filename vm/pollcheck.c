@@ -21,7 +21,11 @@ static int Drain(int fd, char* buffer, size_t size) {
     int records = 0;
     for (;;) {
         ssize_t length = read(fd, buffer, size - 1);
-        if (length < 1) return records;
+        if (length < 0) {
+            perror("read");
+            return -1;
+        }
+        if (length == 0) return records;
         buffer[length] = '\0';
         lseek(fd, 0, SEEK_SET);
         printf("record %s", buffer);
@@ -60,6 +64,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         int records = Drain(fd, buffer, size);
+        if (records < 0) return 2;
         printf("wake %d\n", records);
         seen += records;
     }

@@ -23,9 +23,24 @@ enum tavi_category {
  * @code:     incident code within the category
  * @p1..@p4:  incident parameters
  *
- * Callable from any context except NMI: process, softirq or hard interrupt,
- * with or without locks held. @category, @level and @code must not exceed
- * S32_MAX, because the listener reads every field as a signed 32-bit number.
+ * Locks taken: its queue lock and, on the way to the listener, the kernfs
+ * notify lock and the wait-queue lock of readers in poll() (all spinlock_t);
+ * the workqueue pool lock (raw_spinlock_t) for the deferred fsnotify event;
+ * only when the queue is full, printk's locks for a rate-limited warning.
+ *
+ * Standard kernel: never sleeps; callable from any context except NMI:
+ * process, softirq, hard interrupt, interrupts off, spinlocks held.
+ *
+ * PREEMPT_RT: spinlock_t is a sleeping lock there, so callable only where one
+ * may be taken: process and softirq context, forced-threaded interrupt
+ * handlers (those not requested with IRQF_NO_THREAD, IRQF_PERCPU or
+ * IRQF_ONESHOT), threaded handlers, timers not in HRTIMER_MODE_HARD, with
+ * spinlock_t held. Not from hard interrupt context, with interrupts or
+ * preemption disabled by hand, or with a raw_spinlock_t held. Lockdep with
+ * CONFIG_PROVE_RAW_LOCK_NESTING reports such calls on standard kernels too.
+ *
+ * @category, @level and @code must not exceed S32_MAX, because the listener
+ * reads every field as a signed 32-bit number.
  *
  * Return: 0 when queued, -ERANGE for a field out of range, -ENOSPC when the
  * queue is full and the record was dropped.
