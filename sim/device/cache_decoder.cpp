@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "cache_decoder.h"
+
+#include <charconv>
+#include <cstdint>
+#include <iterator>
+#include <limits>
+
+#include <android-base/stringprintf.h>
+
+#include "message_cache.h"
+#include "utils.h"
+
+namespace vendor::vesk::tavi::sim {
+namespace {
+
+using android::base::StringPrintf;
+
+// The record's pieces in the order the reader takes them: the eight numbers, then the text.
+constexpr const char* kFieldNames[] = {"type",   "category", "log_level", "error_code", "param1",
+                                       "param2", "param3",   "param4",    "message"};
+constexpr size_t kNumberCount = std::size(kFieldNames) - 1;
+
+// The reader's string-to-int conversion ends the process on a leading number outside int32.
+bool OutOfRange(const std::string& piece) {
+    int64_t value = 0;
+    const auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), value);
+    if (error == std::errc::result_out_of_range) return true;
+    return error == std::errc() && (value < std::numeric_limits<int32_t>::min() ||
+                                    value > std::numeric_limits<int32_t>::max());
+}
+
+// The piece with its leading number replaced by a zero of the same sign: what passes or fails
+// the reader's checks exactly as the piece does, without ending the process.
+std::string Defused(const std::string& piece) {
+    const size_t sign = piece[0] == '-' ? 1 : 0;
+    size_t digits_end = sign;
+    while (digits_end < piece.size() && piece[digits_end] >= '0' && piece[digits_end] <= '9') {
+        ++digits_end;
+    }
+    return piece.substr(0, sign) + "0" + piece.substr(digits_end);
+}
+
+std::string Join(const std::vector<std::string>& pieces) {
+    std::string record;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        if (i > 0) record += kCacheFieldSeparator;
+        record += pieces[i];
+    }
+    return record;
+}
+
+// The first piece the reader refuses: it stores each field as it passes, so two records
+// started from different values differ from that field on.
+std::string RefusedField(const std::string& record) {
+    Message ones, twos;
+    for (Message* message : {&ones, &twos}) {
+        const int32_t start = message == &ones ? 1 : 2;
+        *message = Message{static_cast<MessageType>(start),
+                           start,
+                           start,
+                           start,
+                           start,
+                           start,
+                           start,
+                           start,
+                           ""};
+        message->DeserializeFromString(record);
+    }
+    const int32_t first[] = {ones.type,   ones.category, ones.log_level, ones.error_code,
+                             ones.param1, ones.param2,   ones.param3,    ones.param4};
+    const int32_t second[] = {twos.type,   twos.category, twos.log_level, twos.error_code,
+                              twos.param1, twos.param2,   twos.param3,    twos.param4};
+    for (size_t i = 0; i < kNumberCount; ++i) {
+        if (first[i] != second[i]) return StringPrintf("%s not accepted", kFieldNames[i]);
+    }
+    return "not accepted";
+}
+
+void Decode(CacheEntry& entry) {
+    std::vector<std::string> pieces = Split(entry.bytes, std::string(1, kCacheFieldSeparator));
+    if (pieces.size() != std::size(kFieldNames)) {
+        entry.defect = StringPrintf("%zu field%s, %zu expected", pieces.size(),
+                                    pieces.size() == 1 ? "" : "s", std::size(kFieldNames));
+        return;
+    }
+    // Would the reader get as far as converting the first number out of range?
+    for (size_t i = 0; i < kNumberCount; ++i) {
+        if (!OutOfRange(pieces[i])) continue;
+        pieces[i] = Defused(pieces[i]);
+        for (size_t later = i + 1; later < kNumberCount; ++later) pieces[later] = "0";
+        if (Message probe; probe.DeserializeFromString(Join(pieces))) {
+            entry.defect = StringPrintf(
+                    "%s is outside the 32-bit range (the daemon would abort "
+                    "on it)",
+                    kFieldNames[i]);
+        } else {
+            entry.defect = RefusedField(Join(pieces));
+        }
+        return;
+    }
+    if (Message message; message.DeserializeFromString(entry.bytes)) {
+        entry.message = message;
+    } else {
+        entry.defect = RefusedField(entry.bytes);
+    }
+}
+
+}  // namespace
+
+std::vector<CacheEntry> DecodeCache(const std::string& content) {
+    const std::vector<std::string> records = Split(content, kCacheRecordTerminator);
+    std::vector<CacheEntry> entries;
+    for (size_t i = 0; i < records.size(); ++i) {
+        if (records[i].empty()) continue;  // the loader skips them too
+        CacheEntry& entry = entries.emplace_back();
+        entry.bytes = records[i];
+        entry.terminated = i + 1 < records.size();
+        Decode(entry);
+    }
+    return entries;
+}
+
+}  // namespace vendor::vesk::tavi::sim
