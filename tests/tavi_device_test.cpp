@@ -41,6 +41,7 @@ class TaviDeviceTest : public ::testing::Test {
         std::vector<std::string> argv = {TAVI_DEVICE_BINARY};
         argv.insert(argv.end(), args.begin(), args.end());
         std::vector<char*> pointers;
+        pointers.reserve(argv.size() + 1);
         for (std::string& arg : argv) pointers.push_back(arg.data());
         pointers.push_back(nullptr);
         posix_spawn_file_actions_t actions;

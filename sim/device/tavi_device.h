@@ -25,8 +25,8 @@ std::string CheckCommand(const std::vector<std::string>& words);
 bool NeedsDevice(const std::string& command);
 // `words` as a shell would need them typed: quoted where needed.
 std::string ShellQuote(const std::vector<std::string>& words);
-// Control characters shown as escapes (\n, \r, \x01), so that a text stays on its line.
-std::string Visible(const std::string& text);
+// Control characters shown as escapes (\n, \r, \t), so that a text stays on its line.
+std::string Visible(std::string text);
 // One line for one record of the event service.
 std::string DescribeRecord(const nlohmann::json& record);
 // The cache file decoded: size, mode, each entry, a summary; "" when there is no such file.

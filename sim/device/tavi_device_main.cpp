@@ -85,7 +85,7 @@ int FollowLog(const std::string& state_dir) {
         android::base::ReadFileToString(path, &text);
         if (text.size() < shown) shown = 0;  // moved aside by a new `up`
         fputs(text.substr(shown).c_str(), stdout);
-        fflush(stdout);
+        (void)fflush(stdout);
         shown = text.size();
     }
 }
