@@ -64,15 +64,8 @@ std::string Logged(int batch, int index) {
 }
 
 std::string Entry(int batch, int index, const std::string& text = "") {
-    return "0\0"
-           "2\0"
-           "1\0"
-           "1000\0"s +
-           std::to_string(batch) + '\0' + std::to_string(index) +
-           "\0"
-           "0\0"
-           "0\0"s +
-           text + "\0\0\n"s;
+    return "0\0002\0001\0001000\000"s + std::to_string(batch) + '\0' + std::to_string(index) +
+           "\0000\0000\000"s + text + "\0\0\n"s;
 }
 
 std::string Entries(int batch, int first, int count) {
@@ -601,25 +594,19 @@ TEST_P(FatalSignalTest, LosesWhatIsHeld) {
 
 const std::string kEarlier = Entry(9, 0);
 
-INSTANTIATE_TEST_SUITE_P(Faults, FatalSignalTest,
-                         ::testing::Values(Ending{"Sighup", SIGHUP, kEarlier, false},
-                                           Ending{"Sigusr1", SIGUSR1, kEarlier, false},
-                                           Ending{"Sigpipe", SIGPIPE, kEarlier, false},
-                                           Ending{"OutOfRangeRecord", SIGABRT, kEarlier, false},
-                                           Ending{"OutOfRangeEntry", SIGABRT,
-                                                  kEarlier +
-                                                          "0\0"
-                                                          "2\0"
-                                                          "1\0"
-                                                          "1000\0"
-                                                          "2147483648\0"
-                                                          "1\0"
-                                                          "0\0"
-                                                          "0\0"
-                                                          "\0\0\n"s +
-                                                          Entry(9, 2),
-                                                  true}),
-                         [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+        Faults, FatalSignalTest,
+        ::testing::Values(
+                Ending{"Sighup", SIGHUP, kEarlier, false},
+                Ending{"Sigusr1", SIGUSR1, kEarlier, false},
+                Ending{"Sigpipe", SIGPIPE, kEarlier, false},
+                Ending{"OutOfRangeRecord", SIGABRT, kEarlier, false},
+                Ending{"OutOfRangeEntry", SIGABRT,
+                       kEarlier +
+                               "0\0002\0001\0001000\0002147483648\0001\0000\0000\000\000\000\n"s +
+                               Entry(9, 2),
+                       true}),
+        [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace vendor::vesk::tavi::testing
