@@ -4,12 +4,10 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include <android-base/file.h>
@@ -217,29 +215,6 @@ std::string DescribeRecord(const nlohmann::json& record) {
     return text;
 }
 
-std::string DescribeCacheFile(const std::string& path) {
-    struct stat status {};
-    std::string content;
-    if (lstat(path.c_str(), &status) != 0) return "";
-    if (!android::base::ReadFileToString(path, &content)) return path + ": unreadable\n";
-    std::string text = StringPrintf("%s: %lld bytes, mode %04o\n", path.c_str(),
-                                    static_cast<long long>(status.st_size), status.st_mode & 07777);
-    size_t bad = 0, index = 0;
-    const std::vector<CacheEntry> entries = DecodeCache(content);
-    for (const CacheEntry& entry : entries) {
-        std::ostringstream line;
-        line << "#" << ++index << " ";
-        if (entry.message) {
-            line << *entry.message;  // the text form ends the line itself
-        } else {
-            ++bad;
-            line << "bad entry: " << entry.defect << " (" << Visible(entry.bytes) << ")\n";
-        }
-        text += line.str();
-    }
-    return text + StringPrintf("%zu entries, %zu bad\n", entries.size(), bad);
-}
-
 OwnerReply ShowState(const std::vector<std::string>& words, const std::string& state_dir) {
     const std::string& command = words[0];
     const std::string path = state_dir + (command == "logs"     ? "/daemon.log"
@@ -255,9 +230,10 @@ OwnerReply ShowState(const std::vector<std::string>& words, const std::string& s
         for (const nlohmann::json& record : EventReader(path).ReadNew()) {
             Say(&reply, DescribeRecord(record));
         }
-    } else {
-        reply.out = DescribeCacheFile(path + "/cache.bin");
-        if (reply.out.empty()) Say(&reply, "no cache file (" + path + "/cache.bin)");
+    } else if (access((path + "/cache.bin").c_str(), F_OK) != 0) {
+        Say(&reply, "no cache file (" + path + "/cache.bin)");
+    } else if (!DescribeCacheFile(path + "/cache.bin", &reply.out)) {
+        return Fail(reply, reply.out);
     }
     return reply;
 }
@@ -482,9 +458,10 @@ OwnerReply DeviceCommands::Status() {
         daemon = "not started";
     }
     Say(&reply, "daemon         " + daemon);
-    const std::string cache = DescribeCacheFile(device_.CachePath());
-    Say(&reply,
-        "cache file     " + (cache.empty() ? "none" : android::base::Split(cache, "\n")[0]));
+    std::string cache = "none";
+    if (access(device_.CachePath().c_str(), F_OK) == 0)
+        DescribeCacheFile(device_.CachePath(), &cache);
+    Say(&reply, "cache file     " + android::base::Split(cache, "\n")[0]);
     return reply;
 }
 

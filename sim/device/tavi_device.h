@@ -29,8 +29,6 @@ std::string ShellQuote(const std::vector<std::string>& words);
 std::string Visible(std::string text);
 // One line for one record of the event service.
 std::string DescribeRecord(const nlohmann::json& record);
-// The cache file decoded: size, mode, each entry, a summary; "" when there is no such file.
-std::string DescribeCacheFile(const std::string& path);
 // The commands that only read the state folder: logs (without -f), events, cache.
 OwnerReply ShowState(const std::vector<std::string>& words, const std::string& state_dir);
 // The demo on a fresh device in `state_dir`: 0 when every expected line and event was seen.
