@@ -11,41 +11,32 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/parseint.h>
-#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
+#include <nlohmann/json.hpp>
 
 namespace vendor::vesk::tavi::sim {
 namespace {
 
 using android::base::unique_fd;
 
+using Json = nlohmann::json;
+
 const std::string kWordSeparator(1, '\0');
 
-// "STATUS OUT_SIZE ENDS\n", then the two streams back to back.
 std::string Encode(const OwnerReply& reply) {
-    return android::base::StringPrintf("%d %zu %d\n", reply.status, reply.out.size(),
-                                       reply.owner_ends ? 1 : 0) +
-           reply.out + reply.err;
+    const Json json = {{"status", reply.status},
+                       {"out", reply.out},
+                       {"err", reply.err},
+                       {"owner_ends", reply.owner_ends}};
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::optional<OwnerReply> Decode(const std::string& bytes) {
-    const size_t newline = bytes.find('\n');
-    if (newline == std::string::npos) return std::nullopt;
-    const std::vector<std::string> header = android::base::Split(bytes.substr(0, newline), " ");
-    OwnerReply reply;
-    size_t out_size = 0;
-    int ends = 0;
-    if (header.size() != 3 || !android::base::ParseInt(header[0], &reply.status) ||
-        !android::base::ParseUint(header[1], &out_size, bytes.size() - newline - 1) ||
-        !android::base::ParseInt(header[2], &ends)) {
-        return std::nullopt;
-    }
-    reply.out = bytes.substr(newline + 1, out_size);
-    reply.err = bytes.substr(newline + 1 + out_size);
-    reply.owner_ends = ends != 0;
-    return reply;
+    const Json json = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return std::nullopt;
+    return OwnerReply{json.value("status", 1), json.value("out", ""), json.value("err", ""),
+                      json.value("owner_ends", false)};
 }
 
 unique_fd UnixSocket(const std::string& path, sockaddr_un* address) {
