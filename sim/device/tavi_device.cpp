@@ -458,9 +458,9 @@ OwnerReply DeviceCommands::Status() {
         daemon = "not started";
     }
     Say(&reply, "daemon         " + daemon);
+    const std::string cache_path = device_.CachePath();
     std::string cache = "none";
-    if (access(device_.CachePath().c_str(), F_OK) == 0)
-        DescribeCacheFile(device_.CachePath(), &cache);
+    if (access(cache_path.c_str(), F_OK) == 0) DescribeCacheFile(cache_path, &cache);
     Say(&reply, "cache file     " + android::base::Split(cache, "\n")[0]);
     return reply;
 }
@@ -468,25 +468,18 @@ OwnerReply DeviceCommands::Status() {
 OwnerReply DeviceCommands::Down() {
     OwnerReply reply;
     if (device_.DaemonRunning()) {
-        Say(&reply, StringPrintf("sending SIGTERM to the daemon (pid %d)", device_.DaemonPid()));
-        device_.SignalDaemon(SIGTERM);
-        OwnerReply ignored;
-        WaitForDaemonEnd(kDownTimeout, &ignored);
+        reply = StopDaemon({"--timeout", "5"});
         if (DaemonWaitsForService() && device_.SetServiceActive(true)) {
-            Say(&reply, "the daemon waits for the event service: made it active");
-            WaitForDaemonEnd(kDownTimeout, &ignored);
+            Say(&reply, "made the event service active for it");
+            WaitForDaemonEnd(kDownTimeout, &reply);
         }
-        if (device_.DaemonRunning()) {
-            Say(&reply, "the daemon did not end; sending SIGKILL (its cache was saved before)");
-            device_.SignalDaemon(SIGKILL);
-        }
-        if (std::optional<int> status = device_.WaitForDaemonExit(kDownTimeout); status) {
-            Say(&reply, "the daemon ended: " + DescribeWaitStatus(*status));
-        }
+        // Whatever still holds it, its cache was saved before.
+        if (device_.SignalDaemon(SIGKILL)) device_.WaitForDaemonExit(kDownTimeout);
     }
     device_.StopService();
     device_.StopAttribute();
     Say(&reply, "down; persist/ stays in " + device_.PersistDir());
+    reply.status = 0;
     reply.owner_ends = true;
     return reply;
 }
