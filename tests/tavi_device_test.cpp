@@ -2,6 +2,7 @@
 // tavi-device as a user runs it: what it prints, where, and its exit status, for good and for
 // bad or surprising input.
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -128,7 +129,27 @@ TEST_F(TaviDeviceTest, NothingHasRunYet) {
 
 TEST_F(TaviDeviceTest, WhatBecameOfEachRecord) {
     NeedDevice();
+    sigset_t usr1, old_mask;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &usr1, &old_mask);
+    sighandler_t old_quit = signal(SIGQUIT, SIG_IGN);
     ASSERT_EQ(Run({"up"}).status, 0);
+    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
+    (void)signal(SIGQUIT, old_quit);
+    // As init starts it, whatever the caller did: no ordinary signal ignored, only the two stop
+    // signals blocked, for its signalfd.
+    const std::string status = Run({"status"}).out;
+    const size_t pid_at = status.find("running (pid ");
+    ASSERT_NE(pid_at, std::string::npos) << status;
+    std::string process;
+    android::base::ReadFileToString(
+            "/proc/" + std::to_string(atoi(&status[pid_at + 13])) + "/status", &process);
+    EXPECT_THAT(process, HasSubstr("\nSigBlk:\t0000000000004002\n"));
+    const size_t ignored_at = process.find("SigIgn:\t");
+    ASSERT_NE(ignored_at, std::string::npos);
+    // Signals 1 to 31; libc keeps signal 32 to itself.
+    EXPECT_EQ(strtoull(&process[ignored_at + 8], nullptr, 16) & 0x7fffffffULL, 0U) << process;
     EXPECT_EQ(Run({"up"}).err, "tavi-device: already up in " + std::string(state_.path) +
                                        "; run 'tavi-device down' first\n");
     Result result = Run({"inject", "4,1,3001,1,0,0,0"});
