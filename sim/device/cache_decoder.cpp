@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cache_decoder.h"
 
+#include <sys/stat.h>
+
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <limits>
+#include <sstream>
 
+#include <android-base/file.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 
@@ -104,6 +110,56 @@ std::vector<CacheEntry> DecodeCache(const std::string& content) {
         Decode(entry);
     }
     return entries;
+}
+
+namespace {
+
+constexpr size_t kHexBytesPerLine = 32;
+
+void DescribeEntry(size_t index, const CacheEntry& entry, std::ostringstream* text) {
+    *text << "#" << index << (entry.terminated ? " " : " (no terminator) ");
+    if (entry.message) {
+        *text << *entry.message;  // the text form ends the line itself
+    } else {
+        *text << "bad entry: " << entry.defect << "\n";
+    }
+    for (size_t start = 0; start < entry.bytes.size(); start += kHexBytesPerLine) {
+        *text << "   ";
+        for (size_t i = start; i < entry.bytes.size() && i < start + kHexBytesPerLine; ++i) {
+            *text << StringPrintf(" %02X", static_cast<unsigned char>(entry.bytes[i]));
+        }
+        *text << "\n";
+    }
+}
+
+}  // namespace
+
+bool DescribeCacheFile(const std::string& path, std::string* text) {
+    struct stat status {};
+    std::string content;
+    if (lstat(path.c_str(), &status) != 0) {
+        *text = path + ": " + strerror(errno);
+        return false;
+    }
+    if (!android::base::ReadFileToString(path, &content, /*follow_symlinks=*/false)) {
+        *text = "cannot read " + path + ": " + strerror(errno);
+        return false;
+    }
+    std::ostringstream out;
+    out << StringPrintf("%s: %lld bytes, mode %04o, owner %u:%u%s\n", path.c_str(),
+                        static_cast<long long>(status.st_size), status.st_mode & 07777,
+                        status.st_uid, status.st_gid,
+                        S_ISREG(status.st_mode) ? "" : ", not a regular file");
+    const std::vector<CacheEntry> entries = DecodeCache(content);
+    size_t bad = 0;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        DescribeEntry(i, entries[i], &out);
+        bad += entries[i].message ? 0 : 1;
+    }
+    out << entries.size() << (entries.size() == 1 ? " entry" : " entries") << ", " << bad
+        << " bad\n";
+    *text = out.str();
+    return true;
 }
 
 }  // namespace vendor::vesk::tavi::sim

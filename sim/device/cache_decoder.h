@@ -24,4 +24,10 @@ struct CacheEntry {
 // numbers outside the signed 32-bit range, which it reports as defects.
 std::vector<CacheEntry> DecodeCache(const std::string& content);
 
+// A cache file as the tools show it: a header (size, mode, owner), each entry (its index, its
+// text form or why it would not load, its bytes in hex) and a count. The file is read as the
+// daemon reads it, never through a symbolic link. False, with `text` saying why, when it cannot
+// be read.
+bool DescribeCacheFile(const std::string& path, std::string* text);
+
 }  // namespace vendor::vesk::tavi::sim
