@@ -133,6 +133,14 @@ TEST(MessageListenerPollTest, InterruptedPollCarriesOn) {
     });
 }
 
+// The daemon's parser, keeping every text it is given.
+SysfsCallback Recording(std::vector<std::string>& seen) {
+    return [&seen](const std::string& text, Message& message) {
+        seen.push_back(text);
+        return ParseSysfsLogValue(text, message);
+    };
+}
+
 // The kernel side: records announced with POLLPRI, one per read from offset 0.
 class MessageListenerSysfsTest : public ::testing::Test {
   protected:
@@ -152,11 +160,7 @@ TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
         const std::string page_filler(getpagesize() - 1, '9');
         std::vector<std::string> seen;
         MessageListener listener;
-        auto parse = [&](const std::string& text, Message& message) {
-            seen.push_back(text);
-            return ParseSysfsLogValue(text, message);
-        };
-        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {parse}));
+        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {Recording(seen)}));
         std::thread injector([&] {
             usleep(100 * 1000);  // most likely inside poll() by then
             for (const std::string& record :
@@ -192,11 +196,7 @@ TEST_F(MessageListenerSysfsTest, ReadsAtMostAPageLessOneByte) {
         const std::string page_less_one = whole_page.substr(1);
         std::vector<std::string> seen;
         MessageListener listener;
-        auto parse = [&](const std::string& text, Message& message) {
-            seen.push_back(text);
-            return ParseSysfsLogValue(text, message);
-        };
-        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {parse}));
+        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {Recording(seen)}));
         ASSERT_TRUE(emulator_.Inject(whole_page));
         ASSERT_TRUE(emulator_.Inject(page_less_one));
         kill(getpid(), SIGTERM);

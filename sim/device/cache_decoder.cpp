@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -13,6 +14,7 @@
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 
 #include "message_cache.h"
 #include "utils.h"
@@ -47,36 +49,18 @@ std::string Defused(const std::string& piece) {
     return piece.substr(0, sign) + "0" + piece.substr(digits_end);
 }
 
-std::string Join(const std::vector<std::string>& pieces) {
-    std::string record;
-    for (size_t i = 0; i < pieces.size(); ++i) {
-        if (i > 0) record += kCacheFieldSeparator;
-        record += pieces[i];
-    }
-    return record;
+std::array<int32_t, kNumberCount> Numbers(const Message& m) {
+    return {m.type, m.category, m.log_level, m.error_code, m.param1, m.param2, m.param3, m.param4};
 }
 
 // The first piece the reader refuses: it stores each field as it passes, so two records
 // started from different values differ from that field on.
 std::string RefusedField(const std::string& record) {
-    Message ones, twos;
-    for (Message* message : {&ones, &twos}) {
-        const int32_t start = message == &ones ? 1 : 2;
-        *message = Message{static_cast<MessageType>(start),
-                           start,
-                           start,
-                           start,
-                           start,
-                           start,
-                           start,
-                           start,
-                           ""};
-        message->DeserializeFromString(record);
-    }
-    const int32_t first[] = {ones.type,   ones.category, ones.log_level, ones.error_code,
-                             ones.param1, ones.param2,   ones.param3,    ones.param4};
-    const int32_t second[] = {twos.type,   twos.category, twos.log_level, twos.error_code,
-                              twos.param1, twos.param2,   twos.param3,    twos.param4};
+    Message ones{static_cast<MessageType>(1), 1, 1, 1, 1, 1, 1, 1, ""};
+    Message twos{static_cast<MessageType>(2), 2, 2, 2, 2, 2, 2, 2, ""};
+    ones.DeserializeFromString(record);
+    twos.DeserializeFromString(record);
+    const auto first = Numbers(ones), second = Numbers(twos);
     for (size_t i = 0; i < kNumberCount; ++i) {
         if (first[i] != second[i]) return StringPrintf("%s not accepted", kFieldNames[i]);
     }
@@ -95,13 +79,14 @@ void Decode(CacheEntry& entry) {
         if (!OutOfRange(pieces[i])) continue;
         pieces[i] = Defused(pieces[i]);
         for (size_t later = i + 1; later < kNumberCount; ++later) pieces[later] = "0";
-        if (Message probe; probe.DeserializeFromString(Join(pieces))) {
+        if (Message probe;
+            probe.DeserializeFromString(android::base::Join(pieces, kCacheFieldSeparator))) {
             entry.defect = StringPrintf(
                     "%s is outside the 32-bit range (the daemon would abort "
                     "on it)",
                     kFieldNames[i]);
         } else {
-            entry.defect = RefusedField(Join(pieces));
+            entry.defect = RefusedField(android::base::Join(pieces, kCacheFieldSeparator));
         }
         return;
     }

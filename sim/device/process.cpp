@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <thread>
 
 #include <android-base/stringprintf.h>
@@ -40,7 +41,7 @@ std::vector<char*> CStrings(std::vector<std::string>& strings) {
     _exit(126);
 }
 
-void MountOrFail(const char* source, const char* target, const char* type, unsigned long flags,
+void MountOrFail(const char* source, const char* target, const char* type, uint64_t flags,
                  const char* data) {
     if (mount(source, target, type, flags, data) != 0) Fail(target);
 }
