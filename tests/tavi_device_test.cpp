@@ -143,8 +143,8 @@ TEST_F(TaviDeviceTest, WhatBecameOfEachRecord) {
     const size_t pid_at = status.find("running (pid ");
     ASSERT_NE(pid_at, std::string::npos) << status;
     std::string process;
-    android::base::ReadFileToString(
-            "/proc/" + std::to_string(atoi(&status[pid_at + 13])) + "/status", &process);
+    const std::string pid = status.substr(pid_at + 13, status.find(')', pid_at) - pid_at - 13);
+    android::base::ReadFileToString("/proc/" + pid + "/status", &process);
     EXPECT_THAT(process, HasSubstr("\nSigBlk:\t0000000000004002\n"));
     const size_t ignored_at = process.find("SigIgn:\t");
     ASSERT_NE(ignored_at, std::string::npos);
