@@ -291,6 +291,8 @@ TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
 TEST_F(FaultTest, ServiceRestartedUnderTheDaemon) {
     StartDevice(true);
     InjectBatch(0, 1, kSent, 1);
+    // The daemon logs before it sends: the service must have the event before it stops.
+    ASSERT_TRUE(device_.WaitForRecords("event", 1, 5s));
     ASSERT_EQ(device_.StartService(true), "");
     InjectBatch(1, 130, kStored, 130);
     ASSERT_TRUE(device_.Log().WaitForStartingWith(kCacheFull, 2, 10s));

@@ -30,6 +30,19 @@ std::string ReadFrom(const std::string& path, size_t offset) {
     return content;
 }
 
+// The whole lines appended past `offset`, which moves past them; a line still being written
+// waits for the next call.
+std::vector<std::string> NewLines(const std::string& path, size_t& offset) {
+    const std::string text = ReadFrom(path, offset);
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+        lines.push_back(text.substr(start, end - start));
+    }
+    offset += start;
+    return lines;
+}
+
 size_t FileSize(const std::string& path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
@@ -115,19 +128,15 @@ bool AttributeEmulator::WaitForPendingCount(int count, milliseconds timeout) con
 
 // "tavi_daemon I 11-22 22:20:31  2903  2903 main.cpp:110] text"
 const std::vector<LogLine>& LogReader::Lines() {
-    const std::string text = ReadFrom(path_, offset_);
     const auto now = std::chrono::steady_clock::now();
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        const std::string line = text.substr(start, end - start);
+    for (std::string& line : NewLines(path_, offset_)) {
         const size_t space = line.find(' '), text_start = line.find("] ");
         if (space == std::string::npos || text_start == std::string::npos) {
-            lines_.push_back({'?', line, now});
+            lines_.push_back({'?', std::move(line), now});
         } else {
             lines_.push_back({line[space + 1], line.substr(text_start + 2), now});
         }
     }
-    offset_ += start;
     return lines_;
 }
 
@@ -162,15 +171,11 @@ bool LogReader::WaitForStartingWith(const std::string& prefix, size_t count, mil
 }
 
 std::vector<nlohmann::json> EventReader::ReadNew() {
-    const std::string text = ReadFrom(path_, offset_);
     std::vector<nlohmann::json> records;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        nlohmann::json record = nlohmann::json::parse(text.begin() + start, text.begin() + end,
-                                                      nullptr, /*allow_exceptions=*/false);
+    for (const std::string& line : NewLines(path_, offset_)) {
+        nlohmann::json record = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
         if (!record.is_discarded()) records.push_back(std::move(record));
     }
-    offset_ += start;
     return records;
 }
 
