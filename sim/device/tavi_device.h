@@ -39,7 +39,7 @@ class DeviceCommands {
   public:
     explicit DeviceCommands(SimulatedDevice& device) : device_(device) {}
 
-    // up [--active | --active-after N]
+    // up [--active]
     OwnerReply Up(const std::vector<std::string>& words);
     // start-daemon, inject, service, stop-daemon, restart, status, down.
     OwnerReply Run(const std::vector<std::string>& words);
