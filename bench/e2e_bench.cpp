@@ -15,11 +15,9 @@
 // Needs root and /dev/fuse; without them it says why and exits 0.
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -28,7 +26,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -41,18 +38,22 @@
 #include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
-#include <android-base/unique_fd.h>
+
+#include "message_cache.h"
+#include "simulated_device.h"
 
 namespace {
 
 using android::base::ReadFileToString;
 using android::base::StringPrintf;
-using android::base::unique_fd;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using vendor::vesk::tavi::kCacheFileSizeLimit;
+using vendor::vesk::tavi::sim::WaitUntil;
 
+const vendor::vesk::tavi::sim::Binaries kBinaries =
+        vendor::vesk::tavi::sim::Binaries::InBuildDir(TAVI_BUILD_DIR);
 constexpr int kEmulatorQueueLimit = 4096;
-constexpr size_t kCacheFileSizeLimit = 1048576;
 // Injection waits while this many records are pending, well below the emulator's limit.
 constexpr int kPendingHighWater = 2048;
 constexpr int kPendingCheckEvery = 64;
@@ -77,97 +78,15 @@ void SleepMs(int ms) {
     std::this_thread::sleep_for(milliseconds(ms));
 }
 
-// A child process with its output in a file; killed and reaped on destruction.
-class Child {
-  public:
-    Child() = default;
-    ~Child() { Stop(SIGKILL, milliseconds(0)); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    bool Start(const std::vector<std::string>& argv, const std::string& output,
-               const std::vector<std::string>& extra_env = {}) {
-        pid_ = fork();
-        if (pid_ < 0) return false;
-        if (pid_ == 0) {
-            int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (fd >= 0) {
-                dup2(fd, STDOUT_FILENO);
-                dup2(fd, STDERR_FILENO);
-            }
-            for (const auto& entry : extra_env) putenv(strdup(entry.c_str()));
-            std::vector<char*> args;
-            args.reserve(argv.size() + 1);
-            for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        return true;
-    }
-
-    // Sends `signo`, waits up to `timeout`, then kills. Returns the wait status or -1.
-    int Stop(int signo, milliseconds timeout) {
-        if (pid_ <= 0) return -1;
-        kill(pid_, signo);
-        int status = -1;
-        const auto deadline = steady_clock::now() + timeout;
-        while (waitpid(pid_, &status, WNOHANG) == 0) {
-            if (steady_clock::now() >= deadline) {
-                kill(pid_, SIGKILL);
-                waitpid(pid_, &status, 0);
-                break;
-            }
-            SleepMs(10);
-        }
-        pid_ = -1;
-        return status;
-    }
-
-    pid_t pid() const { return pid_; }
-
-  private:
-    pid_t pid_ = -1;
-};
-
-template <typename Condition>
-bool WaitFor(Condition condition, milliseconds timeout) {
-    const auto deadline = steady_clock::now() + timeout;
-    while (!condition()) {
-        if (steady_clock::now() >= deadline) return false;
-        SleepMs(5);
-    }
-    return true;
-}
-
-bool FileContains(const std::string& path, const std::string& text) {
-    std::string content;
-    return ReadFileToString(path, &content) && content.find(text) != std::string::npos;
-}
-
 // Reads the simulator's JSON lines as they are appended and keeps, per record number, the
 // time its event was logged.
 class EventLog {
   public:
-    bool Open(const std::string& path) {
-        fd_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        return fd_ >= 0;
-    }
+    explicit EventLog(const std::string& path) : reader_(path) {}
 
     // Takes in whatever was appended since the last call.
     void Poll() {
-        char buffer[65536];
-        ssize_t n;
-        while ((n = read(fd_, buffer, sizeof(buffer))) > 0) {
-            pending_.append(buffer, static_cast<size_t>(n));
-        }
-        size_t start = 0;
-        for (size_t end = pending_.find('\n'); end != std::string::npos;
-             end = pending_.find('\n', start)) {
-            TakeLine(pending_.substr(start, end - start));
-            start = end + 1;
-        }
-        pending_.erase(0, start);
+        for (const nlohmann::json& record : reader_.ReadNew()) Take(record);
     }
 
     std::optional<double> TimeOf(int record) const {
@@ -180,31 +99,20 @@ class EventLog {
     size_t failed() const { return failed_; }
 
   private:
-    static std::optional<double> NumberAfter(const std::string& line, const std::string& key) {
-        size_t at = line.find("\"" + key + "\":");
-        if (at == std::string::npos) return std::nullopt;
-        return strtod(line.c_str() + at + key.size() + 3, nullptr);
-    }
-
-    void TakeLine(const std::string& line) {
-        if (line.find("\"kind\":\"event\"") == std::string::npos) return;
+    void Take(const nlohmann::json& record) {
+        if (record.value("kind", "") != "event") return;
         ++events_;
-        if (line.find("\"probe\":\"TaviChargerDetectSocFreeze\"") == std::string::npos ||
-            line.find("\"rc\":0") == std::string::npos) {
+        const int number = record.value("/fields/param1"_json_pointer, -1);
+        const double time = record.value("time", -1.0);
+        if (record.value("probe", "") != "TaviChargerDetectSocFreeze" ||
+            record.value("rc", -1) != 0 || number < 0 || time < 0) {
             ++failed_;
             return;
         }
-        std::optional<double> time = NumberAfter(line, "time");
-        std::optional<double> record = NumberAfter(line, "param1");
-        if (!time || !record) {
-            ++failed_;
-            return;
-        }
-        if (!times_.emplace(static_cast<int>(*record), *time).second) ++duplicates_;
+        if (!times_.emplace(number, time).second) ++duplicates_;
     }
 
-    unique_fd fd_;
-    std::string pending_;
+    vendor::vesk::tavi::sim::EventReader reader_;
     std::map<int, double> times_;
     size_t events_ = 0;
     size_t duplicates_ = 0;
@@ -275,9 +183,7 @@ class Bench {
   public:
     explicit Bench(Options options) : options_(options) {}
     ~Bench() {
-        daemon_.Stop(SIGKILL, milliseconds(0));
-        simulator_.Stop(SIGTERM, milliseconds(3000));
-        emulator_.Stop(SIGTERM, milliseconds(3000));
+        device_.reset();
         if (!options_.keep && !dir_.empty()) {
             std::error_code error;
             std::filesystem::remove_all(dir_, error);
@@ -287,15 +193,11 @@ class Bench {
         }
     }
 
-    // Empty when this machine can run the simulated device; otherwise why not.
-    static std::string Unavailable();
     // Empty once the device runs and the daemon is connected; otherwise what failed.
     std::string Start();
     int Run();
 
   private:
-    std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-    int Pending() const;
     bool Inject(int record);
     bool WaitDelivered(int last_record, milliseconds timeout);
     void Burst();
@@ -305,89 +207,49 @@ class Bench {
     std::string Trace(int seconds, int records);
     void Stop();
     void FullCacheStart();
-    std::string StartDaemon(const std::string& log_name);
+    std::string StartDaemon();
 
     Options options_;
     std::string dir_;
-    Child emulator_;
-    Child simulator_;
-    Child daemon_;
-    unique_fd inject_fd_;
-    EventLog events_;
+    std::unique_ptr<vendor::vesk::tavi::sim::SimulatedDevice> device_;
+    std::unique_ptr<EventLog> events_;
     int next_record_ = 0;
     int trace_count_ = 0;
     std::vector<double> injected_at_;
     bool ok_ = true;
 };
 
-std::string Bench::Unavailable() {
-    if (getuid() != 0) return "needs root (FUSE mount and a private mount namespace)";
-    if (access("/dev/fuse", R_OK | W_OK) != 0) return "no /dev/fuse";
-    return "";
-}
-
 std::string Bench::Start() {
     char dir[] = "/tmp/tavi_e2e_bench.XXXXXX";
     if (mkdtemp(dir) == nullptr) return "mkdtemp failed";
     dir_ = dir;
-    mkdir(Path("mnt").c_str(), 0755);
-    mkdir(Path("persist").c_str(), 0700);
-
-    if (!emulator_.Start({TAVI_SYSFS_EMU_PATH, "-f", Path("mnt")}, Path("emulator.out"))) {
-        return "cannot start the attribute emulator";
-    }
-    if (!WaitFor([&] { return Pending() >= 0; }, milliseconds(5000))) {
-        return "the attribute emulator did not mount (see " + Path("emulator.out") + ")";
-    }
-    if (!simulator_.Start({UBO_SIM_PATH, "--socket", Path("ubo.sock"), "--control",
-                           Path("control.sock"), "--events", Path("events.jsonl"), "--active"},
-                          Path("simulator.out"))) {
-        return "cannot start the event service simulator";
-    }
-    if (!WaitFor([&] { return FileContains(Path("simulator.out"), "listening on"); },
-                 milliseconds(5000))) {
-        return "the simulator did not start (see " + Path("simulator.out") + ")";
-    }
-    if (std::string failure = StartDaemon("daemon.log"); !failure.empty()) return failure;
-    inject_fd_.reset(open(Path("mnt/inject").c_str(), O_WRONLY | O_CLOEXEC));
-    if (inject_fd_ < 0) return "cannot open the inject file";
-    if (!events_.Open(Path("events.jsonl"))) return "cannot open the event log";
-    return "";
+    device_ = std::make_unique<vendor::vesk::tavi::sim::SimulatedDevice>(dir_, kBinaries);
+    events_ = std::make_unique<EventLog>(device_->EventsPath());
+    if (std::string failure = device_->StartAttribute(); !failure.empty()) return failure;
+    if (std::string failure = device_->StartService(true); !failure.empty()) return failure;
+    return StartDaemon();
 }
 
-std::string Bench::StartDaemon(const std::string& log_name) {
-    const std::string log = Path(log_name);
-    if (!daemon_.Start({"/bin/bash", TAVI_NS_EXEC_PATH, "--persist", Path("persist"), "--log",
-                        Path("mnt/log"), "--", TAVI_DAEMON_PATH},
-                       log, {"UBO_SIM_SOCKET=" + Path("ubo.sock")})) {
-        return "cannot start the daemon";
-    }
+std::string Bench::StartDaemon() {
+    if (std::string failure = device_->StartDaemon(); !failure.empty()) return failure;
     // Ready once the readiness task has woken the poll loop (its thread is then gone).
-    if (!WaitFor([&] { return FileContains(log, "calling interrupt callback"); },
-                 milliseconds(15000))) {
-        return "the daemon did not connect (see " + log + ")";
+    if (!device_->Log().WaitForLine("poll() is interrupted by a client, calling interrupt callback",
+                                    milliseconds(15000))) {
+        return "the daemon did not connect (see " + device_->LogPath() + ")";
     }
     return "";
-}
-
-int Bench::Pending() const {
-    std::string text;
-    int count = -1;
-    if (!ReadFileToString(dir_ + "/mnt/pending", &text)) return -1;
-    return android::base::ParseInt(android::base::Trim(text), &count) ? count : -1;
 }
 
 bool Bench::Inject(int record) {
-    const std::string line = StringPrintf(kRecordFormat, record);
     injected_at_.push_back(RealtimeNow());
-    return write(inject_fd_, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    return device_->Inject(StringPrintf(kRecordFormat, record));
 }
 
 bool Bench::WaitDelivered(int last_record, milliseconds timeout) {
-    return WaitFor(
+    return WaitUntil(
             [&] {
-                events_.Poll();
-                return events_.TimeOf(last_record).has_value();
+                events_->Poll();
+                return events_->TimeOf(last_record).has_value();
             },
             timeout);
 }
@@ -408,7 +270,7 @@ void Bench::Burst() {
     for (int i = 0; i < options_.burst; ++i) {
         if (i % kPendingCheckEvery == 0) {
             int pending;
-            while ((pending = Pending()) >= kPendingHighWater) SleepMs(1);
+            while ((pending = device_->PendingCount()) >= kPendingHighWater) SleepMs(1);
             max_pending = std::max(max_pending, pending);
         }
         if (!Inject(next_record_++)) {
@@ -422,12 +284,12 @@ void Bench::Burst() {
         printf("e2e: burst not delivered within 120 s\n");
     }
     SleepMs(200);
-    events_.Poll();
+    events_->Poll();
     std::vector<double> latencies;
     double last_event = 0;
     int delivered = 0;
     for (int record = first; record <= last; ++record) {
-        std::optional<double> at = events_.TimeOf(record);
+        std::optional<double> at = events_->TimeOf(record);
         if (!at) continue;
         ++delivered;
         latencies.push_back((*at - injected_at_[static_cast<size_t>(record)]) * 1e6);
@@ -454,7 +316,7 @@ void Bench::Singles() {
             ok_ = false;
             return;
         }
-        latencies.push_back((*events_.TimeOf(record) - injected_at_[static_cast<size_t>(record)]) *
+        latencies.push_back((*events_->TimeOf(record) - injected_at_[static_cast<size_t>(record)]) *
                             1e6);
     }
     printf("e2e single: %d records one at a time: latency median %.0f us, p99 %.0f us\n",
@@ -464,7 +326,7 @@ void Bench::Singles() {
 void Bench::Load(int records) {
     for (int i = 0; i < records; ++i) {
         if (i % kPendingCheckEvery == 0) {
-            while (Pending() >= kPendingHighWater) SleepMs(1);
+            while (device_->PendingCount() >= kPendingHighWater) SleepMs(1);
         }
         if (!Inject(next_record_++)) {
             ok_ = false;
@@ -475,7 +337,7 @@ void Bench::Load(int records) {
 }
 
 void Bench::Idle() {
-    const pid_t pid = daemon_.pid();
+    const pid_t pid = device_->DaemonPid();
     const ProcessSample before = Sample(pid);
     SleepMs(options_.idle_seconds * 1000);
     const ProcessSample after = Sample(pid);
@@ -501,16 +363,21 @@ std::string Bench::Trace(int seconds, int records) {
     // Fresh files for each trace, so that an earlier tracer's "attached" is not taken for
     // this one's.
     const std::string name = StringPrintf("strace-%d", trace_count_++);
-    const std::string summary = Path(name + ".txt");
-    const std::string output = Path(name + ".out");
-    Child tracer;
+    const std::string summary = dir_ + "/" + name + ".txt";
+    const std::string output = dir_ + "/" + name + ".out";
+    vendor::vesk::tavi::sim::Process tracer;
     if (access("/usr/bin/strace", X_OK) != 0 ||
-        !tracer.Start(
-                {"/usr/bin/strace", "-f", "-c", "-p", std::to_string(daemon_.pid()), "-o", summary},
-                output)) {
+        !tracer.Start({"/usr/bin/strace", "-f", "-c", "-p", std::to_string(device_->DaemonPid()),
+                       "-o", summary},
+                      output)
+                 .empty()) {
         return "(strace not available)";
     }
-    if (!WaitFor([&] { return FileContains(output, "attached"); }, milliseconds(5000))) {
+    auto attached = [&] {
+        std::string text;
+        return ReadFileToString(output, &text) && text.find("attached") != std::string::npos;
+    };
+    if (!WaitUntil(attached, milliseconds(5000))) {
         return "(strace did not attach)";
     }
     for (int i = 0; i < records; ++i) Inject(next_record_++);
@@ -523,8 +390,9 @@ std::string Bench::Trace(int seconds, int records) {
 }
 
 void Bench::Stop() {
-    const int status = daemon_.Stop(SIGTERM, milliseconds(10000));
-    const bool clean = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    device_->SignalDaemon(SIGTERM);
+    const std::optional<int> status = device_->WaitForDaemonExit(milliseconds(10000));
+    const bool clean = status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
     printf("e2e stop: daemon %s after SIGTERM\n", clean ? "exited with 0" : "did NOT exit cleanly");
     if (!clean) ok_ = false;
 }
@@ -534,38 +402,45 @@ void Bench::Stop() {
 void Bench::FullCacheStart() {
     std::string content;
     for (int n = 0;; ++n) {
-        std::string entry = StringPrintf("0%c4%c1%c3002%c%d%c-5%c300%c1%c", 0, 0, 0, 0, 1000000 + n,
-                                         0, 0, 0, 0);
-        entry.append("\0\0\n", 3);
+        vendor::vesk::tavi::Message message;
+        message.category = 4;
+        message.log_level = 1;
+        message.error_code = 3002;
+        message.param1 = 1000000 + n;
+        message.param2 = -5;
+        message.param3 = 300;
+        message.param4 = 1;
+        std::string entry;
+        message.SerializeToString(&entry);
+        entry += vendor::vesk::tavi::kCacheRecordTerminator;
         if (content.size() + entry.size() > kCacheFileSizeLimit) break;
         content += entry;
     }
-    const std::string cache_file = Path("persist/cache.bin");
+    const std::string cache_file = device_->CachePath();
     if (!android::base::WriteStringToFile(content, cache_file)) {
         printf("e2e full cache: cannot write %s\n", cache_file.c_str());
         ok_ = false;
         return;
     }
     const auto start = steady_clock::now();
-    if (std::string failure = StartDaemon("daemon-full-cache.log"); !failure.empty()) {
+    if (std::string failure = StartDaemon(); !failure.empty()) {
         printf("e2e full cache: %s\n", failure.c_str());
         ok_ = false;
         return;
     }
-    if (!WaitFor([&] { return FileContains(Path("daemon-full-cache.log"), "Cache flush ended"); },
-                 milliseconds(60000))) {
+    if (!device_->Log().WaitForLine("Cache flush ended", milliseconds(60000))) {
         printf("e2e full cache: no flush within 60 s\n");
         ok_ = false;
     }
     const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
-    const ProcessSample sample = Sample(daemon_.pid());
+    const ProcessSample sample = Sample(device_->DaemonPid());
     printf("e2e full cache: start with a %zu-byte cache file to flush done: %.2f s; %s\n",
            content.size(), seconds, Memory(sample).c_str());
     Stop();
 }
 
 int Bench::Run() {
-    const pid_t pid = daemon_.pid();
+    const pid_t pid = device_->DaemonPid();
     const ProcessSample started = Sample(pid);
     printf("e2e start: daemon pid %d, %d thread(s), %s\n", pid, started.threads,
            Memory(started).c_str());
@@ -573,14 +448,14 @@ int Bench::Run() {
     Burst();
     Singles();
     Load(options_.total - next_record_);
-    events_.Poll();
+    events_->Poll();
     const ProcessSample loaded = Sample(pid);
     printf("e2e after %d records: %s, %+ld KiB since start, %d thread(s); events %zu, "
            "duplicates %zu, unexpected %zu\n",
            next_record_, Memory(loaded).c_str(), loaded.rss_kib - started.rss_kib, loaded.threads,
-           events_.events(), events_.duplicates(), events_.failed());
-    if (events_.events() != static_cast<size_t>(next_record_) || events_.duplicates() != 0 ||
-        events_.failed() != 0) {
+           events_->events(), events_->duplicates(), events_->failed());
+    if (events_->events() != static_cast<size_t>(next_record_) || events_->duplicates() != 0 ||
+        events_->failed() != 0) {
         ok_ = false;
     }
 
@@ -621,7 +496,8 @@ int main(int argc, char** argv) {
     }
     // Line by line, so that progress shows when the output goes to a pipe.
     if (setvbuf(stdout, nullptr, _IOLBF, 0) != 0) return 1;
-    if (std::string reason = Bench::Unavailable(); !reason.empty()) {
+    if (std::string reason = vendor::vesk::tavi::sim::SimulatedDevice::Availability(kBinaries);
+        !reason.empty()) {
         printf("e2e: skipped: %s\n", reason.c_str());
         return 0;
     }

@@ -21,17 +21,22 @@
 #include <vector>
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
+#include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 
-#include "device_harness.h"
+#include "simulated_device.h"
 
 namespace vendor::vesk::tavi::testing {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
+using android::base::StringPrintf;
+using sim::LogLine;
+using sim::SimulatedDevice;
+
+const sim::Binaries kBinaries = sim::Binaries::InBuildDir(TAVI_BUILD_DIR);
 
 const std::string kCacheFile = "/mnt/vendor/persist/tavi/cache.bin";
 const std::string kStored = "Store the message in the cache: ";
@@ -45,34 +50,35 @@ const std::string kEnded = "tavi_daemon ended";
 const std::string kFlushStarting = "Cache flush starting";
 const std::string kFlushEnded = "Cache flush ended";
 const std::string kWokenUp = "poll() is interrupted by a client, calling interrupt callback";
-const std::string kTerminator("\0\0\n", 3);
 
-// A storage bad-sector record that names its batch and its place in it.
+// A storage bad-sector record that names its batch and its place in it: the kernel's line, the
+// daemon's text form of it, and its cache file entry with an optional text.
 std::string Line(int batch, int index) {
-    return "2,1,1000," + std::to_string(batch) + "," + std::to_string(index) + ",0,0";
+    return StringPrintf("2,1,1000,%d,%d,0,0", batch, index);
 }
 
-// How the daemon logs the record of a kernel line.
-std::string TextForm(const std::string& line) {
-    static const char* const kNames[] = {"Category", "LogLevel", "ErrorCode", "Param1",
-                                         "Param2",   "Param3",   "Param4"};
-    const std::vector<std::string> fields = android::base::Split(line, ",");
-    std::string text = "Message {Type: LOG";
-    for (size_t i = 0; i < 7; ++i) text += ", "s + kNames[i] + ": " + fields[i];
-    return text + ", Message: }";
+std::string Logged(int batch, int index) {
+    return StringPrintf(
+            "Message {Type: LOG, Category: 2, LogLevel: 1, ErrorCode: 1000, Param1: %d, "
+            "Param2: %d, Param3: 0, Param4: 0, Message: }",
+            batch, index);
 }
 
-// The cache file entry of a kernel line, with an optional text.
-std::string Entry(const std::string& line, const std::string& text = "") {
-    std::string entry = "0"s + '\0';
-    for (const std::string& field : android::base::Split(line, ",")) entry += field + '\0';
-    return entry + text + kTerminator;
+std::string Entry(int batch, int index, const std::string& text = "") {
+    return "0\0002\0001\0001000\000"s + std::to_string(batch) + '\0' + std::to_string(index) +
+           "\0000\0000\000"s + text + "\0\0\n"s;
 }
 
 std::string Entries(int batch, int first, int count) {
     std::string entries;
-    for (int index = first; index < first + count; ++index) entries += Entry(Line(batch, index));
+    for (int index = first; index < first + count; ++index) entries += Entry(batch, index);
     return entries;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::string content;
+    android::base::ReadFileToString(path, &content);
+    return content;
 }
 
 bool WriteFile(const std::string& path, const std::string& content) {
@@ -87,14 +93,14 @@ bool Exists(const std::string& path) {
 class DaemonOnDeviceTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (std::string reason = SimulatedDevice::Availability(); !reason.empty()) {
+        if (std::string reason = SimulatedDevice::Availability(kBinaries); !reason.empty()) {
             GTEST_SKIP() << reason;
         }
     }
 
     void TearDown() override {
         if (!HasFailure()) return;
-        for (const LogLine& line : device_.LogLines()) {
+        for (const LogLine& line : device_.Log().Lines()) {
             std::cerr << "daemon: " << line.severity << " " << line.text << "\n";
         }
     }
@@ -104,13 +110,13 @@ class DaemonOnDeviceTest : public ::testing::Test {
     void StartDevice(bool service_active, bool with_attribute = true) {
         ASSERT_EQ(device_.Start(service_active, with_attribute), "");
         if (service_active && with_attribute) {
-            ASSERT_TRUE(device_.WaitForLogLine(kWokenUp, 10s));
+            ASSERT_TRUE(device_.Log().WaitForLine(kWokenUp, 10s));
         }
     }
 
-    size_t Lines(const std::string& text) { return device_.LinesReading(text).size(); }
-    size_t Count(const std::string& prefix) { return device_.CountLinesStartingWith(prefix); }
-    int Index(const std::string& text) { return device_.LineIndex(text); }
+    size_t Lines(const std::string& text) { return device_.Log().LinesReading(text).size(); }
+    size_t Count(const std::string& prefix) { return device_.Log().CountStartingWith(prefix); }
+    int Index(const std::string& text) { return device_.Log().IndexOf(text); }
 
     // Injects `count` records of `batch` and waits until the daemon has handled them: until
     // lines starting with `outcome` number `expected_total`.
@@ -118,13 +124,13 @@ class DaemonOnDeviceTest : public ::testing::Test {
         for (int index = 0; index < count; ++index) {
             ASSERT_TRUE(device_.Inject(Line(batch, index) + "\n"));
         }
-        ASSERT_TRUE(device_.WaitForLinesStartingWith(outcome, expected_total, 10s));
+        ASSERT_TRUE(device_.Log().WaitForStartingWith(outcome, expected_total, 10s));
         ASSERT_EQ(Count(outcome), expected_total);
     }
 
     // 0: a clean exit; otherwise the signal that ended the daemon.
     void ExpectExit(int wait_status_signal) {
-        std::optional<int> status = device_.WaitForExit(10s);
+        std::optional<int> status = device_.WaitForDaemonExit(10s);
         ASSERT_TRUE(status.has_value()) << "the daemon did not end";
         if (wait_status_signal == 0) {
             EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
@@ -136,14 +142,15 @@ class DaemonOnDeviceTest : public ::testing::Test {
     // A stop while the service is down: the save, the end line, then the process waits for
     // the service until init's shutdown timeout ends it.
     void StopWhileServiceDown(int signal_number = SIGTERM) {
-        ASSERT_TRUE(device_.Signal(signal_number));
-        ASSERT_TRUE(device_.WaitForLogLine(kEnded, 10s));
-        ASSERT_TRUE(device_.DaemonAlive());
-        ASSERT_TRUE(device_.Signal(SIGKILL));
+        ASSERT_TRUE(device_.SignalDaemon(signal_number));
+        ASSERT_TRUE(device_.Log().WaitForLine(kEnded, 10s));
+        ASSERT_TRUE(device_.DaemonRunning());
+        ASSERT_TRUE(device_.SignalDaemon(SIGKILL));
         ExpectExit(SIGKILL);
     }
 
-    SimulatedDevice device_;
+    TemporaryDir state_;
+    SimulatedDevice device_{state_.path, kBinaries};
 };
 
 // What the daemon keeps and loses when things go wrong (also the name the README's filter uses).
@@ -153,13 +160,20 @@ struct KernelRecord {
     const char* line;
     const char* probe;
     const char* payload_hex;
+    const char* logged;
 };
 
 const KernelRecord kLiveRecords[] = {
-        {"4,1,3001,1,0,0,0", "TaviChargerDetectPdHardReset", "080110b9171801"},
-        {"3,0,2000,0,0,0,0", "TaviDisplayShort", "080010d00f1800"},
+        {"4,1,3001,1,0,0,0", "TaviChargerDetectPdHardReset", "080110b9171801",
+         "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
+         "Param3: 0, Param4: 0, Message: }"},
+        {"3,0,2000,0,0,0,0", "TaviDisplayShort", "080010d00f1800",
+         "Message {Type: LOG, Category: 3, LogLevel: 0, ErrorCode: 2000, Param1: 0, Param2: 0, "
+         "Param3: 0, Param4: 0, Message: }"},
         {"4,2,3002,-1,0,300,1", "TaviChargerDetectSocFreeze",
-         "080210ba1718ffffffffffffffffff01200028ac023001"}};
+         "080210ba1718ffffffffffffffffff01200028ac023001",
+         "Message {Type: LOG, Category: 4, LogLevel: 2, ErrorCode: 3002, Param1: -1, Param2: 0, "
+         "Param3: 300, Param4: 1, Message: }"}};
 
 struct StopCase {
     int signal_number;
@@ -184,14 +198,14 @@ TEST_P(ServiceActiveTest, DeliversLiveRecordsThenEndsAtOnce) {
         ASSERT_TRUE(device_.Inject(record.line + "\n"s));
     }
     ASSERT_TRUE(device_.WaitForRecords("event", 3, 5s));
-    std::vector<ServiceRecord> events = device_.Records("event");
+    std::vector<nlohmann::json> events = device_.Records("event");
     ASSERT_EQ(events.size(), 3u);
     for (size_t i = 0; i < events.size(); ++i) {
         SCOPED_TRACE(kLiveRecords[i].line);
-        EXPECT_EQ(events[i].source, "tavi");
-        EXPECT_EQ(events[i].probe, kLiveRecords[i].probe);
-        EXPECT_EQ(events[i].payload_hex, kLiveRecords[i].payload_hex);
-        EXPECT_EQ(Lines(kSent + TextForm(kLiveRecords[i].line)), 1u);
+        EXPECT_EQ(events[i].value("source", ""), "tavi");
+        EXPECT_EQ(events[i].value("probe", ""), kLiveRecords[i].probe);
+        EXPECT_EQ(events[i].value("payload_hex", ""), kLiveRecords[i].payload_hex);
+        EXPECT_EQ(Lines(kSent + kLiveRecords[i].logged), 1u);
     }
     EXPECT_EQ(Count("Failed to parse the string for MessageType LOG: "), 2u);
     EXPECT_EQ(Count("Failed to pack the massage: "), 2u);
@@ -200,7 +214,7 @@ TEST_P(ServiceActiveTest, DeliversLiveRecordsThenEndsAtOnce) {
     // Nothing cached and no file: the wake-up replays nothing.
     EXPECT_EQ(Index(kFlushStarting), -1);
 
-    ASSERT_TRUE(device_.Signal(stop.signal_number));
+    ASSERT_TRUE(device_.SignalDaemon(stop.signal_number));
     ExpectExit(0);
     EXPECT_EQ(Lines(strsignal(stop.signal_number) +
                     " signal detected, calling signal callback and stopping poll() loop"s),
@@ -228,10 +242,12 @@ double SecondsBetween(const LogLine& first, const LogLine& last) {
 
 TEST_F(DaemonOnDeviceTest, AbortsWhenTheAttributeNeverAppears) {
     StartDevice(true, false);
-    ASSERT_TRUE(device_.WaitForLogLine("Failed to setup listener after 5 retries", 10s));
+    ASSERT_TRUE(device_.Log().WaitForLine("Failed to setup listener after 5 retries", 10s));
     ExpectExit(SIGABRT);
-    EXPECT_EQ(device_.LinesReading("Failed to setup listener after 5 retries")[0].severity, 'F');
-    std::vector<LogLine> retries = device_.LinesReading("Failed to setup listener, retry in 1 sec");
+    EXPECT_EQ(device_.Log().LinesReading("Failed to setup listener after 5 retries")[0].severity,
+              'F');
+    std::vector<LogLine> retries =
+            device_.Log().LinesReading("Failed to setup listener, retry in 1 sec");
     ASSERT_EQ(retries.size(), 5u);
     EXPECT_EQ(retries[0].severity, 'E');
     EXPECT_NEAR(SecondsBetween(retries[0], retries[4]), 4.0, 0.8);
@@ -249,7 +265,7 @@ TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
     ASSERT_TRUE(device_.SetServiceActive(false));
     // Each is announced; 128 are held, and the rest refused with a line of their own.
     InjectBatch(1, 200, kStored, 200);
-    ASSERT_TRUE(device_.WaitForLinesStartingWith(kCacheFull, 72, 10s));
+    ASSERT_TRUE(device_.Log().WaitForStartingWith(kCacheFull, 72, 10s));
 
     // Back again: live records go out, the cached ones stay where they are.
     ASSERT_TRUE(device_.SetServiceActive(true));
@@ -261,7 +277,7 @@ TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
     InjectBatch(3, 2, refused, 2);
     EXPECT_EQ(Count(kFlushStarting), 0u);
 
-    ASSERT_TRUE(device_.Signal(SIGTERM));
+    ASSERT_TRUE(device_.SignalDaemon(SIGTERM));
     ExpectExit(0);
     // 207 records: 5 delivered, 2 refused, 128 in the file, 72 over the cap.
     EXPECT_EQ(device_.CountRecords("event"), 7u);
@@ -276,10 +292,12 @@ TEST_F(FaultTest, ServiceFlappingAfterTheReplay) {
 TEST_F(FaultTest, ServiceRestartedUnderTheDaemon) {
     StartDevice(true);
     InjectBatch(0, 1, kSent, 1);
-    ASSERT_EQ(device_.RestartService(true), "");
+    // The daemon logs before it sends: the service must have the event before it stops.
+    ASSERT_TRUE(device_.WaitForRecords("event", 1, 5s));
+    ASSERT_EQ(device_.StartService(true), "");
     InjectBatch(1, 130, kStored, 130);
-    ASSERT_TRUE(device_.WaitForLinesStartingWith(kCacheFull, 2, 10s));
-    ASSERT_TRUE(device_.Signal(SIGTERM));
+    ASSERT_TRUE(device_.Log().WaitForStartingWith(kCacheFull, 2, 10s));
+    ASSERT_TRUE(device_.SignalDaemon(SIGTERM));
     ExpectExit(0);
     // 131 records: 1 delivered, 128 in the file, 2 over the cap.
     EXPECT_EQ(device_.CountRecords("event"), 1u);
@@ -303,10 +321,10 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
         for (int batch = 0; batch <= run; ++batch) expected += Entries(batch, 0, kPerRun);
         if (run == 1) {
             // Ten tries a second apart, then a pause of 60 s: longer than this test waits.
-            ASSERT_TRUE(device_.WaitForLogLine(
+            ASSERT_TRUE(device_.Log().WaitForLine(
                     "UBO is not yet active or available after 10 retries", 15s));
-            std::vector<LogLine> retries =
-                    device_.LinesReading("UBO is not yet active or available, retry in 1 sec");
+            std::vector<LogLine> retries = device_.Log().LinesReading(
+                    "UBO is not yet active or available, retry in 1 sec");
             ASSERT_EQ(retries.size(), 10u);
             EXPECT_EQ(retries[0].severity, 'E');
             EXPECT_NEAR(SecondsBetween(retries[0], retries[9]), 9.0, 1.0);
@@ -317,10 +335,10 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
         } else {
             // The readiness task still runs: the process stays until the service is up, and
             // a SIGTERM leaves the session open; the poll loop is over, so nothing is replayed.
-            ASSERT_TRUE(device_.Signal(SIGTERM));
-            ASSERT_TRUE(device_.WaitForLogLine(kEnded, 10s));
+            ASSERT_TRUE(device_.SignalDaemon(SIGTERM));
+            ASSERT_TRUE(device_.Log().WaitForLine(kEnded, 10s));
             std::this_thread::sleep_for(1500ms);
-            EXPECT_TRUE(device_.DaemonAlive());
+            EXPECT_TRUE(device_.DaemonRunning());
             ASSERT_TRUE(device_.SetServiceActive(true));
             ExpectExit(0);
             EXPECT_GT(Index("Skip closing UBO session"), Index(kEnded));
@@ -341,15 +359,15 @@ TEST_F(FaultTest, RepeatedStopsWhileTheServiceIsDown) {
     ASSERT_EQ(device_.StartDaemon(), "");
     InjectBatch(kRuns, 10, kStored, 10);
     ASSERT_TRUE(device_.SetServiceActive(true));
-    ASSERT_TRUE(device_.WaitForLogLine(kFlushEnded, 10s));
+    ASSERT_TRUE(device_.Log().WaitForLine(kFlushEnded, 10s));
     // 310 records: this run's 10, the first run's 100 and 18 of the second delivered, 182 lost.
     EXPECT_EQ(Count(kCacheFull), 182u);
     EXPECT_EQ(device_.CountRecords("event"), 128u);
     EXPECT_EQ(Count(kSent), 128u);
     std::vector<std::string> order = {kLoaded, kFlushStarting};
-    for (int index = 0; index < 10; ++index) order.push_back(kSent + TextForm(Line(kRuns, index)));
-    for (int index = 0; index < kPerRun; ++index) order.push_back(kSent + TextForm(Line(0, index)));
-    for (int index = 0; index < 18; ++index) order.push_back(kSent + TextForm(Line(1, index)));
+    for (int index = 0; index < 10; ++index) order.push_back(kSent + Logged(kRuns, index));
+    for (int index = 0; index < kPerRun; ++index) order.push_back(kSent + Logged(0, index));
+    for (int index = 0; index < 18; ++index) order.push_back(kSent + Logged(1, index));
     order.push_back(kFlushEnded);
     for (size_t i = 0; i < order.size(); ++i) {
         EXPECT_EQ(Lines(order[i]), 1u) << order[i];
@@ -366,10 +384,15 @@ TEST_F(FaultTest, SigkillDuringALargeSave) {
             tries_setting != nullptr ? static_cast<int>(strtol(tries_setting, nullptr, 10)) : 15;
     // An earlier run's file of 1,000 entries, 1,023,890 bytes: close to the ceiling.
     std::string old_file;
-    for (int index = 0; index < 1000; ++index) {
-        old_file += Entry(Line(9, index), std::string(1000, 'x'));
-    }
+    for (int index = 0; index < 1000; ++index) old_file += Entry(9, index, std::string(1000, 'x'));
     const std::string new_file = old_file + Entries(0, 0, 128);
+    // Where each entry of the new file ends.
+    std::vector<size_t> entry_ends;
+    for (size_t end = 0, at = 0; (at = new_file.find('\n', end)) != std::string::npos;) {
+        end = at + 1;
+        entry_ends.push_back(end);
+    }
+    ASSERT_EQ(entry_ends.size(), 1128u);
     std::mt19937 random(std::random_device{}());
     // The save starts a few milliseconds after SIGTERM, later on a busy machine.
     std::uniform_int_distribution<int> delay_us(0, 20000);
@@ -384,10 +407,10 @@ TEST_F(FaultTest, SigkillDuringALargeSave) {
             ASSERT_EQ(device_.StartDaemon(), "");
         }
         InjectBatch(0, 128, kStored, 128);
-        ASSERT_TRUE(device_.Signal(SIGTERM));
+        ASSERT_TRUE(device_.SignalDaemon(SIGTERM));
         std::this_thread::sleep_for(std::chrono::microseconds(delay_us(random)));
-        device_.Signal(SIGKILL);
-        ASSERT_TRUE(device_.WaitForExit(10s).has_value());
+        device_.SignalDaemon(SIGKILL);
+        ASSERT_TRUE(device_.WaitForDaemonExit(10s).has_value());
 
         ASSERT_TRUE(Exists(device_.CachePath()));
         const std::string left = ReadFile(device_.CachePath());
@@ -402,22 +425,20 @@ TEST_F(FaultTest, SigkillDuringALargeSave) {
         // The next run accounts for every entry it finds: delivered, over the cap, or not
         // readable (only the one that was cut).
         size_t entries = 0;
-        for (size_t start = 0, end; start < left.size(); start = end + kTerminator.size()) {
-            end = left.find(kTerminator, start);
-            if (end == std::string::npos) end = left.size();
-            entries += end > start;
-        }
+        while (entries < entry_ends.size() && entry_ends[entries] <= left.size()) ++entries;
+        const size_t whole = entries > 0 ? entry_ends[entries - 1] : 0;
+        entries += left.size() > whole;
         ASSERT_TRUE(device_.SetServiceActive(true));
         ASSERT_EQ(device_.StartDaemon(), "");
-        ASSERT_TRUE(device_.WaitForLogLine(kLoaded, 10s));
-        ASSERT_TRUE(entries == 0 || device_.WaitForLogLine(kFlushEnded, 10s));
+        ASSERT_TRUE(device_.Log().WaitForLine(kLoaded, 10s));
+        ASSERT_TRUE(entries == 0 || device_.Log().WaitForLine(kFlushEnded, 10s));
         const size_t unreadable = Count("Failed to deserialize: ");
         EXPECT_LE(unreadable, 1u);
         EXPECT_EQ(Count(kSent), std::min<size_t>(128, entries - unreadable));
         EXPECT_EQ(Count(kSent) + Count(kCacheFull) + unreadable, entries);
         EXPECT_FALSE(Exists(device_.CachePath()));
-        ASSERT_TRUE(device_.Signal(SIGKILL));
-        ASSERT_TRUE(device_.WaitForExit(10s).has_value());
+        ASSERT_TRUE(device_.SignalDaemon(SIGKILL));
+        ASSERT_TRUE(device_.WaitForDaemonExit(10s).has_value());
     }
     std::cout << "SIGKILL during save, " << tries << " tries:";
     for (const auto& [outcome, count] : outcomes) std::cout << " " << outcome << " " << count;
@@ -439,7 +460,7 @@ TEST_F(FaultTest, FullPersistFolder) {
     // Two whole pages of earlier entries, then filler up to the last byte.
     std::string old_file;
     for (int index = 0; index < 8; ++index) {
-        old_file += Entry(Line(9, index), std::string(1002, 'x'));
+        old_file += Entry(9, index, std::string(1002, 'x'));
     }
     ASSERT_EQ(old_file.size(), 8192u);
     ASSERT_TRUE(WriteFile(device_.CachePath(), old_file));
@@ -475,20 +496,20 @@ TEST_P(ObstacleTest, AtTheCachePath) {
     StartDevice(false);
     InjectBatch(0, 2, kStored, 2);
     ASSERT_TRUE(device_.SetServiceActive(true));
-    ASSERT_TRUE(device_.WaitForLogLine(kFlushEnded, 15s));
+    ASSERT_TRUE(device_.Log().WaitForLine(kFlushEnded, 15s));
     EXPECT_EQ(Lines(obstacle.load_line), 1u);
     EXPECT_EQ(Count(kSent), 2u);
 
     ASSERT_TRUE(device_.SetServiceActive(false));
     InjectBatch(1, 3, kStored, 5);
-    ASSERT_TRUE(device_.Signal(SIGTERM));
+    ASSERT_TRUE(device_.SignalDaemon(SIGTERM));
     if (obstacle.name == "Fifo") {
         // The save blocks in open() until something reads; a reader takes the entries away.
-        EXPECT_FALSE(device_.WaitForLogLine(kEnded, 1s));
+        EXPECT_FALSE(device_.Log().WaitForLine(kEnded, 1s));
         android::base::unique_fd reader(
                 open(device_.CachePath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         ASSERT_TRUE(reader.ok());
-        ASSERT_TRUE(device_.WaitForLogLine(kSaved, 10s));
+        ASSERT_TRUE(device_.Log().WaitForLine(kSaved, 10s));
         std::string taken;
         ASSERT_TRUE(android::base::ReadFdToString(reader.get(), &taken));
         EXPECT_EQ(taken, Entries(1, 0, 3));
@@ -503,7 +524,7 @@ TEST_P(ObstacleTest, AtTheCachePath) {
     ASSERT_EQ(lstat(device_.CachePath().c_str(), &status), 0);
     EXPECT_FALSE(S_ISREG(status.st_mode));
     if (obstacle.name == "Link") {
-        EXPECT_EQ(ReadFile(device_.PersistDir() + "/other.bin"), Entry(Line(9, 0)));
+        EXPECT_EQ(ReadFile(device_.PersistDir() + "/other.bin"), Entry(9, 0));
     }
 }
 
@@ -518,8 +539,7 @@ INSTANTIATE_TEST_SUITE_P(
                 // not followed.
                 Obstacle{"Link",
                          [](const std::string& path) {
-                             WriteFile(path.substr(0, path.rfind('/')) + "/other.bin",
-                                       Entry(Line(9, 0)));
+                             WriteFile(path.substr(0, path.rfind('/')) + "/other.bin", Entry(9, 0));
                              symlink("other.bin", path.c_str());
                          },
                          "Failed to load the cache to " + kCacheFile,
@@ -559,7 +579,7 @@ TEST_P(FatalSignalTest, LosesWhatIsHeld) {
     } else if (ending.signal_number == SIGABRT) {
         ASSERT_TRUE(device_.Inject("2,1,1000,2147483648,0,0,0\n"));
     } else {
-        ASSERT_TRUE(device_.Signal(ending.signal_number));
+        ASSERT_TRUE(device_.SignalDaemon(ending.signal_number));
     }
     ExpectExit(ending.signal_number);
     EXPECT_EQ(Index(kSaved), -1);
@@ -575,18 +595,21 @@ TEST_P(FatalSignalTest, LosesWhatIsHeld) {
     }
 }
 
-const std::string kEarlier = Entry(Line(9, 0));
+const std::string kEarlier = Entry(9, 0);
 
-INSTANTIATE_TEST_SUITE_P(Faults, FatalSignalTest,
-                         ::testing::Values(Ending{"Sighup", SIGHUP, kEarlier, false},
-                                           Ending{"Sigusr1", SIGUSR1, kEarlier, false},
-                                           Ending{"Sigpipe", SIGPIPE, kEarlier, false},
-                                           Ending{"OutOfRangeRecord", SIGABRT, kEarlier, false},
-                                           Ending{"OutOfRangeEntry", SIGABRT,
-                                                  kEarlier + Entry("2,1,1000,2147483648,1,0,0") +
-                                                          Entry(Line(9, 2)),
-                                                  true}),
-                         [](const auto& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+        Faults, FatalSignalTest,
+        ::testing::Values(
+                Ending{"Sighup", SIGHUP, kEarlier, false},
+                Ending{"Sigusr1", SIGUSR1, kEarlier, false},
+                Ending{"Sigpipe", SIGPIPE, kEarlier, false},
+                Ending{"OutOfRangeRecord", SIGABRT, kEarlier, false},
+                Ending{"OutOfRangeEntry", SIGABRT,
+                       kEarlier +
+                               "0\0002\0001\0001000\0002147483648\0001\0000\0000\000\000\000\n"s +
+                               Entry(9, 2),
+                       true}),
+        [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace vendor::vesk::tavi::testing

@@ -25,11 +25,11 @@
 namespace vendor::vesk::tavi {
 namespace {
 
+using namespace std::string_literals;
 using android::base::ERROR;
 using android::base::INFO;
 using android::base::ReadFileToString;
 using android::base::WriteStringToFile;
-using testing::CacheRecord;
 using testing::Drain;
 using testing::LogCapture;
 using testing::TextForms;
@@ -37,7 +37,7 @@ using Lines = std::vector<std::string>;
 namespace fs = std::filesystem;
 
 const std::string kTerminator("\0\0\n", 3);
-const std::string kChargerRecord = CacheRecord("0,4,3,3001,0,-5,0,0");
+const std::string kChargerRecord = "0\0004\0003\0003001\0000\000-5\0000\0000\000"s;
 const Message kChargerMessage{LOG, kCharger, 3, 3001, 0, -5, 0, 0, ""};
 
 Message MakeMessage(int32_t error_code, const std::string& text = "") {
@@ -142,7 +142,8 @@ TEST_F(MessageCacheTest, SaveMergesAfterFileBytesAndLoadAppendsAfterHeldMessages
     cache.Store(MakeMessage(7, "hi\n"));
     ASSERT_TRUE(cache.Save(path_));
     EXPECT_EQ(ReadCacheFile(), existing + kChargerRecord + kTerminator +
-                                       CacheRecord("0,4,3,7,0,0,0,0", "hi\n") + kTerminator);
+                                       "0\0004\0003\0007\0000\0000\0000\0000\000hi\n"s +
+                                       kTerminator);
     struct stat status {};
     ASSERT_EQ(stat(path_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600u);
@@ -205,7 +206,7 @@ TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
 // Entries are cut at each terminator, even one inside a text; empty pieces are skipped, a
 // bad record is logged and passed over, an unterminated last record is read.
 TEST_F(MessageCacheTest, LoadSkipsBadRecordsAndGoesOn) {
-    const std::string tail = CacheRecord("1,2,3,4,5,6,7,8", "tail");
+    const std::string tail = "1\0002\0003\0004\0005\0006\0007\0008\000tail"s;
     WriteCacheFile(Entry(MakeMessage(1, "ab" + kTerminator + tail)) + kTerminator + "garbage" +
                    kTerminator + kChargerRecord);
     MessageCache cache(128);
@@ -236,7 +237,7 @@ TEST_F(MessageCacheTest, LoadKeepsOnlyCapacityAndDeletesTheFile) {
 
 // Removed before any record is read: a record that ends the process is not met again.
 TEST_F(MessageCacheTest, LoadDeletesTheFileBeforeReadingIt) {
-    WriteCacheFile(CacheRecord("2147483648,4,3,1,0,0,0,0") + kTerminator);
+    WriteCacheFile("2147483648\0004\0003\0001\0000\0000\0000\0000\000"s + kTerminator);
     MessageCache cache(128);
     EXPECT_DEATH(testing::RunUncaught([&] { cache.Load(path_); }), "out_of_range");
     EXPECT_FALSE(CacheFileExists());

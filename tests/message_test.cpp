@@ -16,7 +16,6 @@ namespace vendor::vesk::tavi {
 namespace {
 
 using namespace std::string_literals;
-using testing::CacheRecord;
 using testing::RunUncaught;
 using testing::TextForm;
 
@@ -74,20 +73,21 @@ TEST(MessageCacheRecord, ReaderChecksEachPieceAndStoresAsItGoes) {
         int32_t category;  // as left in a record that started at 77
         int32_t param2;    // likewise
     } cases[] = {
-            {CacheRecord("0,4,3,3001,0,-5,0,0"), true, 4, -5},
-            {CacheRecord("0,4,3,3001,0,-0,0,0"), true, 4, 0},
-            {CacheRecord("0,0012x,3,3001,0,7,0,0", "t"), true, 12, 7},
-            {CacheRecord("1x,4,3,3001,0,5,0,0"), true, 4, 5},
-            {CacheRecord("0,-1,3,3001,0,5,0,0"), false, 77, 77},
-            {CacheRecord("-1,4,3,3001,0,5,0,0"), false, 77, 77},
-            {CacheRecord("0,,3,3001,0,5,0,0"), false, 77, 77},
-            {CacheRecord("0,+1,3,3001,0,5,0,0"), false, 77, 77},
-            {CacheRecord("0,4,3,3001,0,5x,0,0"), false, 4, 77},
-            {CacheRecord("0,4,3,3001,0,-,0,0"), false, 4, 77},
-            {CacheRecord("0,4,-3,3001,0,5,0,0"), false, 4, 77},  // a minus only in the parameters
-            {CacheRecord("0,4,3,3001,-1,5,-1,-1"), true, 4, 5},
-            {CacheRecord("0,4,3,3001,0,5,0,0", "a\0b"s), false, 77, 77},  // ten pieces
-            {kChargerRecordBytes.substr(0, 18), false, 77, 77},           // eight pieces
+            {"0\0004\0003\0003001\0000\000-5\0000\0000\000"s, true, 4, -5},
+            {"0\0004\0003\0003001\0000\000-0\0000\0000\000"s, true, 4, 0},
+            {"0\0000012x\0003\0003001\0000\0007\0000\0000\000t"s, true, 12, 7},
+            {"1x\0004\0003\0003001\0000\0005\0000\0000\000"s, true, 4, 5},
+            {"0\000-1\0003\0003001\0000\0005\0000\0000\000"s, false, 77, 77},
+            {"-1\0004\0003\0003001\0000\0005\0000\0000\000"s, false, 77, 77},
+            {"0\000\0003\0003001\0000\0005\0000\0000\000"s, false, 77, 77},
+            {"0\000+1\0003\0003001\0000\0005\0000\0000\000"s, false, 77, 77},
+            {"0\0004\0003\0003001\0000\0005x\0000\0000\000"s, false, 4, 77},
+            {"0\0004\0003\0003001\0000\000-\0000\0000\000"s, false, 4, 77},
+            {"0\0004\000-3\0003001\0000\0005\0000\0000\000"s, false, 4,
+             77},  // a minus only in the parameters
+            {"0\0004\0003\0003001\000-1\0005\000-1\000-1\000"s, true, 4, 5},
+            {"0\0004\0003\0003001\0000\0005\0000\0000\000a\000b"s, false, 77, 77},  // ten pieces
+            {kChargerRecordBytes.substr(0, 18), false, 77, 77},                     // eight pieces
             {"", false, 77, 77},
     };
     for (const auto& c : cases) {
@@ -107,15 +107,17 @@ TEST(MessageCacheRecord, ReaderChecksEachPieceAndStoresAsItGoes) {
 
 TEST(MessageCacheRecordDeathTest, OutOfRangeNumberEndsTheProcess) {
     for (const std::string& bytes :
-         {CacheRecord("2147483648,4,3,3001,0,5,0,0"), CacheRecord("0,2147483648,3,3001,0,5,0,0"),
-          CacheRecord("0,4,3,3001,0,-2147483649,0,0"),
-          CacheRecord("0,4,3,3001,0," + std::string(400, '9') + ",0,0")}) {
+         {"2147483648\0004\0003\0003001\0000\0005\0000\0000\000"s,
+          "0\0002147483648\0003\0003001\0000\0005\0000\0000\000"s,
+          "0\0004\0003\0003001\0000\000-2147483649\0000\0000\000"s,
+          "0\0004\0003\0003001\0000\000"s + std::string(400, '9') + "\0000\0000\000"s}) {
         SCOPED_TRACE(::testing::PrintToString(bytes));
         Message message;
         EXPECT_DEATH(RunUncaught([&] { message.DeserializeFromString(bytes); }), "out_of_range");
     }
     Message edge;
-    ASSERT_TRUE(edge.DeserializeFromString(CacheRecord("2147483647,4,3,3001,0,-2147483648,0,0")));
+    ASSERT_TRUE(edge.DeserializeFromString(
+            "2147483647\0004\0003\0003001\0000\000-2147483648\0000\0000\000"s));
     EXPECT_EQ(edge.type, INT32_MAX);
     EXPECT_EQ(edge.param2, INT32_MIN);
 }

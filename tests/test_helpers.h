@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -33,13 +32,6 @@ inline std::vector<Message> Drain(MessageCache& cache) {
     std::vector<Message> out;
     cache.Restore(out);
     return out;
-}
-
-// A cache record from its eight numbers, "0,4,3,3001,0,-5,0,0", and its text.
-inline std::string CacheRecord(const std::string& numbers, const std::string& text = "") {
-    std::string record = numbers + ',';
-    std::replace(record.begin(), record.end(), ',', '\0');
-    return record + text;
 }
 
 // "08 01 10 B9": upper-case bytes separated by blanks.

@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "device_owner.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <nlohmann/json.hpp>
+
+namespace vendor::vesk::tavi::sim {
+namespace {
+
+using android::base::unique_fd;
+
+using Json = nlohmann::json;
+
+const std::string kWordSeparator(1, '\0');
+
+std::string Encode(const OwnerReply& reply) {
+    const Json json = {{"status", reply.status},
+                       {"out", reply.out},
+                       {"err", reply.err},
+                       {"owner_ends", reply.owner_ends}};
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::optional<OwnerReply> Decode(const std::string& bytes) {
+    const Json json = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return std::nullopt;
+    return OwnerReply{json.value("status", 1), json.value("out", ""), json.value("err", ""),
+                      json.value("owner_ends", false)};
+}
+
+unique_fd UnixSocket(const std::string& path, sockaddr_un* address) {
+    *address = {};
+    address->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address->sun_path)) {
+        LOG(ERROR) << "Socket path too long: " << path;
+        return {};
+    }
+    memcpy(address->sun_path, path.c_str(), path.size() + 1);
+    return unique_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+}
+
+unique_fd Listen(const std::string& path) {
+    sockaddr_un address;
+    unique_fd fd = UnixSocket(path, &address);
+    // Only called when nobody answers there: whatever is left is a dead owner's socket.
+    unlink(path.c_str());
+    if (!fd.ok() || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(fd, 8) != 0) {
+        PLOG(ERROR) << "Cannot listen on " << path;
+        return {};
+    }
+    return fd;
+}
+
+void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
+    while (true) {
+        unique_fd client(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+        if (!client.ok()) {
+            if (errno == EINTR) continue;
+            PLOG(ERROR) << "accept4() failed";
+            return;
+        }
+        std::string request;
+        if (!android::base::ReadFdToString(client, &request)) continue;
+        const OwnerReply reply = handle(android::base::Split(request, kWordSeparator));
+        android::base::WriteStringToFd(Encode(reply), client);
+        if (reply.owner_ends) return;
+    }
+}
+
+// The owner itself, a grandchild of the caller so that nobody has to reap it.
+[[noreturn]] void RunOwner(const std::string& socket_path, const std::string& log_path,
+                           const std::function<void(const OwnerServe&)>& run,
+                           unique_fd started_pipe) {
+    setsid();
+    if (fork() != 0) _exit(0);
+    unique_fd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    unique_fd output(open(log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    dup2(input.get(), STDIN_FILENO);
+    dup2(output.get(), STDOUT_FILENO);
+    dup2(output.get(), STDERR_FILENO);
+    (void)signal(SIGPIPE, SIG_IGN);
+    unique_fd listener = Listen(socket_path);
+    if (listener.ok()) {
+        run([&](const OwnerReply& started, const OwnerRequestHandler& handle) {
+            android::base::WriteStringToFd(Encode(started), started_pipe);
+            started_pipe.reset();
+            if (started.status == 0 && !started.owner_ends) Serve(listener, handle);
+        });
+    }
+    unlink(socket_path.c_str());
+    _exit(0);
+}
+
+}  // namespace
+
+OwnerReply StartOwner(const std::string& socket_path, const std::string& log_path,
+                      const std::function<void(const OwnerServe&)>& run) {
+    unique_fd read_end, write_end;
+    if (!android::base::Pipe(&read_end, &write_end)) return {1, "", "pipe() failed\n"};
+    const pid_t child = fork();
+    if (child == 0) {
+        read_end.reset();
+        RunOwner(socket_path, log_path, run, std::move(write_end));
+    }
+    write_end.reset();
+    if (child > 0) waitpid(child, nullptr, 0);
+    std::string bytes;
+    android::base::ReadFdToString(read_end, &bytes);
+    std::optional<OwnerReply> reply = Decode(bytes);
+    if (!reply) return {1, "", "the device's owner ended during start-up; see " + log_path + "\n"};
+    return *reply;
+}
+
+std::optional<OwnerReply> AskOwner(const std::string& socket_path,
+                                   const std::vector<std::string>& words) {
+    sockaddr_un address;
+    unique_fd fd = UnixSocket(socket_path, &address);
+    if (!fd.ok() || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        return std::nullopt;
+    }
+    std::string reply;
+    if (!android::base::WriteStringToFd(android::base::Join(words, kWordSeparator), fd) ||
+        shutdown(fd, SHUT_WR) != 0 || !android::base::ReadFdToString(fd, &reply)) {
+        return std::nullopt;
+    }
+    return Decode(reply);
+}
+
+}  // namespace vendor::vesk::tavi::sim

@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+// The simulated device on a Linux host: the emulated kernel attribute (tavi_sysfs_emu), the event
+// service (ubo_sim) and the unmodified daemon in a private mount namespace laid out like the
+// device. Everything that starts one of them goes through here.
+namespace vendor::vesk::tavi::sim {
+
+using std::chrono::milliseconds;
+
+// Where the programs are; paths are taken as they are, nothing is searched.
+struct Binaries {
+    std::string sysfs_emu;
+    std::string ubo_sim;
+    std::string ubo_simctl;
+    std::string daemon;
+
+    // The programs of a build folder (scripts/build.sh's layout).
+    static Binaries InBuildDir(const std::string& build_dir);
+};
+
+// The device's view of the host, set up in the child between fork and exec: tmpfs over
+// /sys/kernel and /mnt, `attribute` bound at /sys/kernel/tavi/log (none when empty: the daemon
+// cannot set up its listener) and `persist_dir` bound at /mnt/vendor/persist/tavi.
+struct DeviceMounts {
+    std::string persist_dir;
+    std::string attribute;
+};
+
+// "exited with status 0", "killed by SIGABRT (Aborted)".
+std::string DescribeWaitStatus(int wait_status);
+
+// One child process, started as init starts a service: every signal at its default action, an
+// empty signal mask, stdin from /dev/null, stdout and stderr appended to a file, no other
+// inherited descriptor and no core file. Killed and reaped on destruction.
+class Process {
+  public:
+    Process() = default;
+    ~Process() { Stop(SIGKILL, milliseconds(0)); }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // Starts `argv` (argv[0] a path) with `env` ahead of this process's environment, inside
+    // `mounts` when given. Empty, or why it could not start.
+    std::string Start(const std::vector<std::string>& argv, const std::string& output,
+                      const std::vector<std::string>& env = {},
+                      const std::optional<DeviceMounts>& mounts = std::nullopt);
+    // True until it has ended (reaps it then).
+    bool Running();
+    bool Signal(int signal_number);
+    // The wait status once it has ended within `timeout`.
+    std::optional<int> Wait(milliseconds timeout);
+    // Sends `signal_number`, then SIGKILL after `grace`; the wait status, or none if never started.
+    std::optional<int> Stop(int signal_number, milliseconds grace);
+    // The last one started; -1 before.
+    pid_t pid() const { return pid_; }
+    // Its wait status once reaped.
+    std::optional<int> status() const { return status_; }
+
+  private:
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+};
+
+// Polls `condition` every 10 ms until it holds or `timeout` has passed.
+bool WaitUntil(const std::function<bool()>& condition, milliseconds timeout);
+
+// tavi_sysfs_emu mounted on a folder: its `log` file behaves as the kernel attribute does.
+class AttributeEmulator {
+  public:
+    ~AttributeEmulator() { Stop(); }
+
+    // Mounts at `mount_point` (an existing empty folder) and waits until the files are served;
+    // the emulator's own output goes to `output`.
+    std::string Start(const std::string& binary, const std::string& mount_point,
+                      const std::string& output = "/dev/null");
+    // Unmounts and reaps, within seconds even if the emulator hangs; idempotent.
+    void Stop();
+    bool Mounted() const { return !mount_point_.empty(); }
+
+    std::string LogPath() const { return mount_point_ + "/log"; }
+    // Queues `bytes` verbatim as one record (one write(); never empty).
+    bool Inject(const std::string& bytes) const;
+    // Records not yet read by the daemon; -1 when unreadable.
+    int PendingCount() const;
+    bool WaitForPendingCount(int count, milliseconds timeout) const;
+
+  private:
+    Process process_;
+    std::string mount_point_;
+};
+
+// One line of the daemon's log: severity letter ('I', 'E', 'F'; '?' for a line that is not a
+// log line, such as the C++ runtime's), the text after "] ", and when it was first read.
+struct LogLine {
+    char severity = '?';
+    std::string text;
+    std::chrono::steady_clock::time_point seen;
+};
+
+// The lines appended to a log file after a given offset, read as they come.
+class LogReader {
+  public:
+    LogReader() = default;
+    LogReader(std::string path, size_t offset) : path_(std::move(path)), offset_(offset) {}
+
+    // Every line so far (reads what was appended since the last call).
+    const std::vector<LogLine>& Lines();
+    // Lines reading exactly `text`.
+    std::vector<LogLine> LinesReading(const std::string& text);
+    size_t CountStartingWith(const std::string& prefix);
+    // Position of the first line reading exactly `text`, or -1.
+    int IndexOf(const std::string& text);
+    bool WaitForLine(const std::string& text, milliseconds timeout);
+    bool WaitForStartingWith(const std::string& prefix, size_t count, milliseconds timeout);
+
+  private:
+    std::string path_;
+    size_t offset_ = 0;
+    std::vector<LogLine> lines_;
+};
+
+// The event service's JSON lines (one object each: "kind", "time", and per kind "source",
+// "probe", "payload_hex", "rc", "fields", ...), read as they are appended.
+class EventReader {
+  public:
+    EventReader() = default;
+    explicit EventReader(std::string path) : path_(std::move(path)) {}
+
+    // Records appended since the last call, in order; lines that are no JSON are skipped.
+    std::vector<nlohmann::json> ReadNew();
+
+  private:
+    std::string path_;
+    size_t offset_ = 0;
+};
+
+// The whole device in a state folder:
+//   persist/       the daemon's /mnt/vendor/persist/tavi, kept across daemon runs
+//   daemon.log     the daemon's output, appended by every start
+//   events.jsonl   the event service's records, appended by every start
+//   run/           the attribute's mount point (run/sysfs), sockets and the helpers' output
+class SimulatedDevice {
+  public:
+    SimulatedDevice(std::string state_dir, Binaries binaries);
+    // Stops whatever still runs: the daemon with SIGKILL, the others with SIGTERM.
+    ~SimulatedDevice();
+    SimulatedDevice(const SimulatedDevice&) = delete;
+    SimulatedDevice& operator=(const SimulatedDevice&) = delete;
+
+    // Empty when a device can be simulated on this host (root, FUSE, mount namespaces);
+    // otherwise why not. Checked once per process.
+    static std::string Availability(const Binaries& binaries);
+
+    // Each Start returns empty, or why it failed (nothing of that part left running).
+    std::string StartAttribute();
+    void StopAttribute() { attribute_.Stop(); }
+    // (Re)starts the service, active or not, and waits until it listens.
+    std::string StartService(bool active);
+    void StopService();
+    // Starts the daemon unless one runs; waits until its poll loop starts (without the
+    // attribute: until its first line). Its log lines are read from here on.
+    std::string StartDaemon(bool with_attribute = true);
+    // Starts all three.
+    std::string Start(bool service_active, bool with_attribute = true);
+
+    bool Inject(const std::string& record) const { return attribute_.Inject(record); }
+    int PendingCount() const { return attribute_.PendingCount(); }
+    // One ubo_simctl command, such as {"fail", "-5"}: true when it succeeded. Its reply
+    // ("error: ..." on failure) goes to `reply` when given.
+    bool ServiceControl(const std::vector<std::string>& command, std::string* reply = nullptr);
+    bool SetServiceActive(bool active) { return ServiceControl({active ? "active" : "inactive"}); }
+
+    bool SignalDaemon(int signal_number) { return daemon_.Signal(signal_number); }
+    bool DaemonRunning() { return daemon_.Running(); }
+    // The daemon's wait status once it has ended within `timeout` (DescribeWaitStatus).
+    std::optional<int> WaitForDaemonExit(milliseconds timeout) { return daemon_.Wait(timeout); }
+    pid_t DaemonPid() const { return daemon_.pid(); }
+    bool ServiceRunning() { return service_.Running(); }
+    bool AttributeMounted() const { return attribute_.Mounted(); }
+
+    // The lines of the daemon started last.
+    LogReader& Log() { return log_; }
+    // Every record of the service's log of `kind` ("event", "session_lost", ...; empty: all).
+    std::vector<nlohmann::json> Records(const std::string& kind = "") const;
+    size_t CountRecords(const std::string& kind) const { return Records(kind).size(); }
+    bool WaitForRecords(const std::string& kind, size_t count, milliseconds timeout) const;
+
+    const std::string& StateDir() const { return state_dir_; }
+    std::string PersistDir() const { return state_dir_ + "/persist"; }
+    std::string CachePath() const { return PersistDir() + "/cache.bin"; }
+    std::string LogPath() const { return state_dir_ + "/daemon.log"; }
+    std::string EventsPath() const { return state_dir_ + "/events.jsonl"; }
+    std::string RunDir() const { return state_dir_ + "/run"; }
+    std::string SocketPath() const { return RunDir() + "/ubo.sock"; }
+
+  private:
+    std::string state_dir_;
+    Binaries binaries_;
+    AttributeEmulator attribute_;
+    Process service_;
+    Process daemon_;
+    LogReader log_;
+};
+
+}  // namespace vendor::vesk::tavi::sim
