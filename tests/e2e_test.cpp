@@ -153,7 +153,7 @@ class DaemonOnDeviceTest : public ::testing::Test {
     SimulatedDevice device_{state_.path, kBinaries};
 };
 
-// What the daemon keeps and loses when things go wrong (also the name the README's filter uses).
+// What the daemon keeps and loses when things go wrong (docs/kept-and-lost.md filters on it).
 using FaultTest = DaemonOnDeviceTest;
 
 struct KernelRecord {
