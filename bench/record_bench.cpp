@@ -60,7 +60,7 @@ struct Daemon {
     }
 
     std::shared_ptr<UboWrapper> ubo_wrapper = std::make_shared<UboWrapper>("tavi");
-    std::shared_ptr<MessageCache> cache = std::make_shared<MessageCache>(128);
+    std::shared_ptr<MessageCache> cache = std::make_shared<MessageCache>(128);  // as main
     std::unique_ptr<MessageHandler> handlers[4] = {
             std::make_unique<CameraMessageHandler>(ubo_wrapper, cache),
             std::make_unique<LinuxOsMessageHandler>(ubo_wrapper, cache),
