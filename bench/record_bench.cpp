@@ -4,13 +4,12 @@
 // the service library (a stub that takes it and returns at once). Log lines go to a logger
 // that drops them, so what is measured is the formatting the handlers pay for every record.
 //
-// BM_RecordPath_RegexParser runs the same path with the parser replaced by the literal reading
-// of the line format: a regular expression compiled on every call and std::stoi on each group.
+// The _Regex variants replace the parser with the literal reading of the line format: a
+// regular expression compiled on every call and std::stoi on each group.
 
 #include <memory>
 #include <regex>
 #include <string>
-#include <vector>
 
 #include <android-base/logging.h>
 #include <benchmark/benchmark.h>
@@ -24,7 +23,8 @@
 namespace vendor::vesk::tavi {
 namespace {
 
-constexpr uint32_t kCacheCapacity = 128;
+using android::base::INFO;
+using android::base::LogSeverity;
 
 // Records that reach the service, one of each area that has events.
 const char* const kRecords[] = {
@@ -35,12 +35,7 @@ const char* const kRecords[] = {
         "4,1,3003,1,0,120,0\n",    // charger: WLC firmware update
         "2,1,1001,5,0,0,0\n",      // Linux OS: MMC recovery failure
 };
-constexpr size_t kRecordCount = sizeof(kRecords) / sizeof(kRecords[0]);
-
-void DropLogs() {
-    android::base::SetLogger([](android::base::LogId, android::base::LogSeverity, const char*,
-                                const char*, unsigned int, const char*) {});
-}
+constexpr size_t kRecordCount = std::size(kRecords);
 
 bool RegexParse(const std::string& value, Message& message) {
     const std::regex line_format(R"(^(\d+),(\d+),(\d+),(-?\d+),(-?\d+),(-?\d+),(-?\d+)\n$)");
@@ -58,92 +53,42 @@ bool RegexParse(const std::string& value, Message& message) {
 }
 
 // The objects main wires together, with the session already open and the service active.
-class Daemon {
-  public:
-    Daemon()
-        : ubo_wrapper_(std::make_shared<UboWrapper>("tavi")),
-          message_cache_(std::make_shared<MessageCache>(kCacheCapacity)) {
-        ubo_wrapper_->Connect();
-        handlers_.push_back(std::make_unique<CameraMessageHandler>(ubo_wrapper_, message_cache_));
-        handlers_.push_back(std::make_unique<LinuxOsMessageHandler>(ubo_wrapper_, message_cache_));
-        handlers_.push_back(std::make_unique<DisplayMessageHandler>(ubo_wrapper_, message_cache_));
-        handlers_.push_back(std::make_unique<ChargerMessageHandler>(ubo_wrapper_, message_cache_));
-    }
-
+struct Daemon {
+    Daemon() { ubo_wrapper->Connect(); }
     void Offer(const Message& message) {
-        for (auto& handler : handlers_) handler->HandleMessage(message);
+        for (auto& handler : handlers) handler->HandleMessage(message);
     }
 
-  private:
-    std::shared_ptr<UboWrapper> ubo_wrapper_;
-    std::shared_ptr<MessageCache> message_cache_;
-    std::vector<std::unique_ptr<MessageHandler>> handlers_;
+    std::shared_ptr<UboWrapper> ubo_wrapper = std::make_shared<UboWrapper>("tavi");
+    std::shared_ptr<MessageCache> cache = std::make_shared<MessageCache>(128);  // as main
+    std::unique_ptr<MessageHandler> handlers[4] = {
+            std::make_unique<CameraMessageHandler>(ubo_wrapper, cache),
+            std::make_unique<LinuxOsMessageHandler>(ubo_wrapper, cache),
+            std::make_unique<DisplayMessageHandler>(ubo_wrapper, cache),
+            std::make_unique<ChargerMessageHandler>(ubo_wrapper, cache)};
 };
 
-// One record as the poll loop treats it: a string made from the read buffer, a fresh
-// Message, the parse callback, then the message callback.
-template <bool (*Parse)(const std::string&, Message&)>
-void RecordPath(benchmark::State& state) {
-    DropLogs();
+// One record as the poll loop treats it: a string made from the read buffer, a fresh Message,
+// the parse callback, then (kOffer) the message callback. Log lines below `minimum` are off.
+template <bool (*Parse)(const std::string&, Message&), bool kOffer>
+void RecordPath(benchmark::State& state, LogSeverity minimum) {
+    const LogSeverity previous = android::base::SetMinimumLogSeverity(minimum);
     Daemon daemon;
     size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
         const std::string text(kRecords[next]);
         next = (next + 1) % kRecordCount;
         Message message;
-        if (Parse(text, message)) daemon.Offer(message);
+        if (Parse(text, message) && kOffer) daemon.Offer(message);
         benchmark::DoNotOptimize(message);
     }
     state.SetItemsProcessed(state.iterations());
-}
-
-void BM_RecordPath(benchmark::State& state) {
-    RecordPath<ParseSysfsLogValue>(state);
-}
-BENCHMARK(BM_RecordPath);
-
-void BM_RecordPath_RegexParser(benchmark::State& state) {
-    RecordPath<RegexParse>(state);
-}
-BENCHMARK(BM_RecordPath_RegexParser);
-
-// The same path with INFO lines switched off (LOG then skips the formatting too): what the
-// per-record work costs apart from its log line.
-void BM_RecordPath_InfoLogsOff(benchmark::State& state) {
-    const android::base::LogSeverity previous =
-            android::base::SetMinimumLogSeverity(android::base::WARNING);
-    RecordPath<ParseSysfsLogValue>(state);
     android::base::SetMinimumLogSeverity(previous);
 }
-BENCHMARK(BM_RecordPath_InfoLogsOff);
 
-// The pieces of the path, to show where the time goes.
-template <bool (*Parse)(const std::string&, Message&)>
-void ParseOnly(benchmark::State& state) {
-    DropLogs();
-    size_t next = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        const std::string text(kRecords[next]);
-        next = (next + 1) % kRecordCount;
-        Message message;
-        benchmark::DoNotOptimize(Parse(text, message));
-    }
-}
-
-void BM_Parse(benchmark::State& state) {
-    ParseOnly<ParseSysfsLogValue>(state);
-}
-BENCHMARK(BM_Parse);
-
-void BM_Parse_Regex(benchmark::State& state) {
-    ParseOnly<RegexParse>(state);
-}
-BENCHMARK(BM_Parse_Regex);
-
-void BM_HandleOnly(benchmark::State& state) {
-    DropLogs();
+void HandleOnly(benchmark::State& state) {
     Daemon daemon;
-    std::vector<Message> messages(kRecordCount);
+    Message messages[kRecordCount];
     for (size_t i = 0; i < kRecordCount; ++i) ParseSysfsLogValue(kRecords[i], messages[i]);
     size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
@@ -151,27 +96,30 @@ void BM_HandleOnly(benchmark::State& state) {
         next = (next + 1) % kRecordCount;
     }
 }
-BENCHMARK(BM_HandleOnly);
 
-// One handler log line ("Send the message to UBO: " and the text form) to the dropping logger.
-void BM_LogLineOnly(benchmark::State& state) {
-    DropLogs();
-    Message message;
-    ParseSysfsLogValue(kRecords[0], message);
-    for ([[maybe_unused]] auto _ : state) {
-        LOG(INFO) << "Send the message to UBO: " << message;
-    }
-}
-BENCHMARK(BM_LogLineOnly);
-
-// What any log line costs before its text: libbase's message object and the logger call.
-void BM_LogLineFixedCost(benchmark::State& state) {
-    DropLogs();
-    for ([[maybe_unused]] auto _ : state) {
-        LOG(INFO) << "x";
-    }
-}
-BENCHMARK(BM_LogLineFixedCost);
+[[maybe_unused]] const bool kRegistered = [] {
+    android::base::SetLogger([](auto&&...) {});
+    benchmark::RegisterBenchmark("BM_RecordPath", RecordPath<ParseSysfsLogValue, true>, INFO);
+    benchmark::RegisterBenchmark("BM_RecordPath_RegexParser", RecordPath<RegexParse, true>, INFO);
+    // With INFO lines off LOG skips the formatting too: the per-record work without its line.
+    benchmark::RegisterBenchmark("BM_RecordPath_InfoLogsOff", RecordPath<ParseSysfsLogValue, true>,
+                                 android::base::WARNING);
+    // The pieces of the path, to show where the time goes.
+    benchmark::RegisterBenchmark("BM_Parse", RecordPath<ParseSysfsLogValue, false>, INFO);
+    benchmark::RegisterBenchmark("BM_Parse_Regex", RecordPath<RegexParse, false>, INFO);
+    benchmark::RegisterBenchmark("BM_HandleOnly", HandleOnly);
+    // One handler log line ("Send the message to UBO: " and the text form).
+    benchmark::RegisterBenchmark("BM_LogLineOnly", [](benchmark::State& state) {
+        Message message;
+        ParseSysfsLogValue(kRecords[0], message);
+        for ([[maybe_unused]] auto _ : state) LOG(INFO) << "Send the message to UBO: " << message;
+    });
+    // What any log line costs before its text: libbase's message object and the logger call.
+    benchmark::RegisterBenchmark("BM_LogLineFixedCost", [](benchmark::State& state) {
+        for ([[maybe_unused]] auto _ : state) LOG(INFO) << "x";
+    });
+    return true;
+}();
 
 }  // namespace
 }  // namespace vendor::vesk::tavi

@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The event service as the benchmarks need it: always active, every event accepted at once.
+// The functions keep the C linkage that ubo.h declares for them.
 
 #include "ubo.h"
 
-struct ubo_session {
-    int unused;
-};
+struct ubo_session {};
 
-namespace {
-ubo_session g_session{};
-}  // namespace
-
-extern "C" {
+static ubo_session g_session;
 
 ubo_session_t* ubo_create(void) {
     return &g_session;
@@ -28,5 +23,3 @@ int32_t ubo_add_event(ubo_session_t*, const char*, const char*, const uint8_t*, 
 void ubo_destroy(ubo_session_t** session) {
     *session = nullptr;
 }
-
-}  // extern "C"

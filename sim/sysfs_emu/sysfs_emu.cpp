@@ -19,6 +19,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -26,17 +28,10 @@
 
 #include <android-base/logging.h>
 
-#include "log_attribute.h"
-
 namespace vendor::vesk::tavi::sim {
 namespace {
 
-enum Inode : fuse_ino_t {
-    kRootInode = FUSE_ROOT_ID,
-    kLogInode,
-    kInjectInode,
-    kPendingInode,
-};
+enum Inode : fuse_ino_t { kRootInode = FUSE_ROOT_ID, kLogInode, kInjectInode, kPendingInode };
 
 struct FileNode {
     Inode inode;
@@ -46,17 +41,26 @@ struct FileNode {
     off_t size;
 };
 
-// Sysfs attributes report one page as their size whatever they hold.
+// In inode order. Sysfs attributes report one page as their size whatever they hold.
 constexpr FileNode kFiles[] = {
         {kLogInode, "log", S_IFREG | 0444, O_RDONLY, 4096},
         {kInjectInode, "inject", S_IFREG | 0200, O_WRONLY, 0},
         {kPendingInode, "pending", S_IFREG | 0444, O_RDONLY, 0},
 };
+constexpr FileNode kRoot = {kRootInode, "", S_IFDIR | 0755, O_RDONLY, 0};  // never opened
 
 constexpr double kAttributeTimeout = 1.0;
+// A full queue drops the new record, as a driver with a full buffer would.
+constexpr size_t kQueueCapacity = 4096;
+
+using PollHandle = std::unique_ptr<fuse_pollhandle, decltype(&fuse_pollhandle_destroy)>;
 
 struct EmulatorState {
-    LogAttribute log;
+    std::deque<std::string> records;
+    // The handle of each open `log` file waiting for the next record. The kernel keeps one wait
+    // queue per open file, so one handle per file is enough; a newer one replaces the older.
+    std::map<uint64_t, PollHandle> watchers;
+    uint64_t dropped = 0;
     uint64_t next_fh = 1;
     struct timespec start_time {};
 };
@@ -66,17 +70,7 @@ EmulatorState& State(fuse_req_t request) {
 }
 
 const FileNode* FindFile(fuse_ino_t inode) {
-    for (const FileNode& file : kFiles) {
-        if (file.inode == inode) return &file;
-    }
-    return nullptr;
-}
-
-const FileNode* FindFile(const char* name) {
-    for (const FileNode& file : kFiles) {
-        if (strcmp(file.name, name) == 0) return &file;
-    }
-    return nullptr;
+    return inode >= kLogInode && inode <= kPendingInode ? &kFiles[inode - kLogInode] : nullptr;
 }
 
 bool FillAttributes(const EmulatorState& state, fuse_ino_t inode, struct stat* attributes) {
@@ -85,39 +79,30 @@ bool FillAttributes(const EmulatorState& state, fuse_ino_t inode, struct stat* a
     attributes->st_uid = getuid();
     attributes->st_gid = getgid();
     attributes->st_atim = attributes->st_mtim = attributes->st_ctim = state.start_time;
-    if (inode == kRootInode) {
-        attributes->st_mode = S_IFDIR | 0755;
-        attributes->st_nlink = 2;
-        return true;
-    }
-    const FileNode* file = FindFile(inode);
+    const FileNode* file = inode == kRootInode ? &kRoot : FindFile(inode);
     if (file == nullptr) return false;
     attributes->st_mode = file->mode;
-    attributes->st_nlink = 1;
+    attributes->st_nlink = S_ISDIR(file->mode) ? 2 : 1;
     attributes->st_size = file->size;
     return true;
 }
 
 void ReplyBufferFrom(fuse_req_t request, const std::string& text, off_t offset, size_t size) {
-    if (offset < 0 || static_cast<size_t>(offset) >= text.size()) {
-        fuse_reply_buf(request, nullptr, 0);
-        return;
-    }
-    fuse_reply_buf(request, text.data() + offset, std::min(size, text.size() - offset));
+    const size_t start = std::min(text.size(), static_cast<size_t>(std::max<off_t>(offset, 0)));
+    fuse_reply_buf(request, text.data() + start, std::min(size, text.size() - start));
 }
 
 void Lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
-    const FileNode* file = parent == kRootInode ? FindFile(name) : nullptr;
-    if (file == nullptr) {
-        fuse_reply_err(request, ENOENT);
+    for (const FileNode& file : kFiles) {
+        if (parent != kRootInode || strcmp(file.name, name) != 0) continue;
+        fuse_entry_param entry{};
+        entry.ino = file.inode;
+        entry.attr_timeout = entry.entry_timeout = kAttributeTimeout;
+        FillAttributes(State(request), file.inode, &entry.attr);
+        fuse_reply_entry(request, &entry);
         return;
     }
-    fuse_entry_param entry{};
-    entry.ino = file->inode;
-    entry.attr_timeout = kAttributeTimeout;
-    entry.entry_timeout = kAttributeTimeout;
-    FillAttributes(State(request), file->inode, &entry.attr);
-    fuse_reply_entry(request, &entry);
+    fuse_reply_err(request, ENOENT);
 }
 
 void GetAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
@@ -146,19 +131,17 @@ void ReadDirectory(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offs
         return;
     }
     std::string listing;
-    auto add = [&](const char* name, fuse_ino_t entry_inode, mode_t mode) {
-        struct stat attributes {};
-        attributes.st_ino = entry_inode;
-        attributes.st_mode = mode;
-        size_t entry_size = fuse_add_direntry(request, nullptr, 0, name, nullptr, 0);
-        size_t old_size = listing.size();
-        listing.resize(old_size + entry_size);
-        fuse_add_direntry(request, listing.data() + old_size, entry_size, name, &attributes,
-                          listing.size());
+    auto add = [&](const char* name, fuse_ino_t entry_inode) {
+        struct stat attributes;
+        FillAttributes(State(request), entry_inode, &attributes);
+        const size_t old_size = listing.size();
+        listing.resize(old_size + fuse_add_direntry(request, nullptr, 0, name, nullptr, 0));
+        fuse_add_direntry(request, listing.data() + old_size, listing.size() - old_size, name,
+                          &attributes, listing.size());
     };
-    add(".", kRootInode, S_IFDIR);
-    add("..", kRootInode, S_IFDIR);
-    for (const FileNode& file : kFiles) add(file.name, file.inode, file.mode);
+    add(".", kRootInode);
+    add("..", kRootInode);
+    for (const FileNode& file : kFiles) add(file.name, file.inode);
     ReplyBufferFrom(request, listing, offset, size);
 }
 
@@ -176,30 +159,33 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
     // Every read and write must reach this process: a cached page would replay old records
     // and merge injected ones.
     info->direct_io = 1;
-    info->keep_cache = 0;
-    info->nonseekable = 0;
     info->fh = State(request).next_fh++;
     fuse_reply_open(request, info);
 }
 
 void Release(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
-    if (inode == kLogInode) State(request).log.Unwatch(info->fh);
+    if (inode == kLogInode) State(request).watchers.erase(info->fh);
     fuse_reply_err(request, 0);
 }
 
 void Read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info*) {
-    EmulatorState& state = State(request);
+    std::deque<std::string>& records = State(request).records;
     if (inode == kPendingInode) {
-        ReplyBufferFrom(request, std::to_string(state.log.Pending()) + "\n", offset, size);
+        ReplyBufferFrom(request, std::to_string(records.size()) + "\n", offset, size);
         return;
     }
     if (inode != kLogInode) {
         fuse_reply_err(request, EBADF);
         return;
     }
-    // Only a read from the start takes a record; the reader rewinds before the next one.
-    std::string record = offset == 0 ? state.log.Pop(size) : std::string();
-    fuse_reply_buf(request, record.data(), record.size());
+    // Only a read from the start takes a record; the reader rewinds before the next one. What
+    // does not fit is lost, as when the attribute's single buffer is read short.
+    std::string record;
+    if (offset == 0 && !records.empty()) {
+        record = std::move(records.front());
+        records.pop_front();
+    }
+    fuse_reply_buf(request, record.data(), std::min(size, record.size()));
 }
 
 void Write(fuse_req_t request, fuse_ino_t inode, const char* data, size_t size, off_t,
@@ -208,24 +194,36 @@ void Write(fuse_req_t request, fuse_ino_t inode, const char* data, size_t size, 
         fuse_reply_err(request, EBADF);
         return;
     }
-    State(request).log.Push(std::string(data, size));
+    EmulatorState& state = State(request);
+    if (state.records.size() >= kQueueCapacity) {
+        LOG(ERROR) << "log queue full (" << kQueueCapacity << " records), record dropped; "
+                   << ++state.dropped << " dropped so far";
+    } else {
+        state.records.emplace_back(data, size);
+        // A handle is good for one wake-up; the woken poll() asks again and leaves a new one.
+        // An error only means the descriptor was closed meanwhile.
+        for (auto& [fh, handle] : state.watchers) fuse_lowlevel_notify_poll(handle.get());
+        state.watchers.clear();
+    }
     fuse_reply_write(request, size);
 }
 
 void Poll(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info, fuse_pollhandle* handle) {
+    PollHandle owned(handle, &fuse_pollhandle_destroy);
     if (inode != kLogInode) {
         // The other files never change readiness, so nobody is ever notified on them.
-        if (handle != nullptr) fuse_pollhandle_destroy(handle);
         fuse_reply_poll(request,
                         inode == kInjectInode ? POLLOUT | POLLWRNORM : POLLIN | POLLRDNORM);
         return;
     }
-    LogAttribute& log = State(request).log;
-    if (handle != nullptr) log.Watch(info->fh, handle);
-    fuse_reply_poll(request, log.PollEvents());
+    EmulatorState& state = State(request);
+    if (owned != nullptr) state.watchers.insert_or_assign(info->fh, std::move(owned));
+    fuse_reply_poll(request, state.records.empty() ? 0 : POLLPRI | POLLERR);
 }
 
-fuse_lowlevel_ops MakeOperations() {
+int Serve(fuse_args* args, const char* mountpoint, bool foreground) {
+    EmulatorState state;
+    clock_gettime(CLOCK_REALTIME, &state.start_time);
     fuse_lowlevel_ops operations{};
     operations.lookup = Lookup;
     operations.getattr = GetAttributes;
@@ -236,40 +234,6 @@ fuse_lowlevel_ops MakeOperations() {
     operations.read = Read;
     operations.write = Write;
     operations.poll = Poll;
-    return operations;
-}
-
-void PrintUsage(const char* program) {
-    printf("usage: %s [-f] [-d] [-o option[,option...]] MOUNTPOINT\n"
-           "Serves the emulated kernel log attribute: MOUNTPOINT/log (read, poll),\n"
-           "MOUNTPOINT/inject (each write queues one record), MOUNTPOINT/pending (count).\n\n",
-           program);
-    fuse_cmdline_help();
-    fuse_lowlevel_help();
-}
-
-// A parent that blocked the stop signals (as the daemon's tests do) must not leave them
-// blocked here, or SIGTERM could never unmount us.
-void UnblockStopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
-    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
-}
-
-// Root's mount is shared with everyone (a daemon under test may run as another user), while
-// the kernel still applies the modes above to them.
-void AddMountOptions(fuse_args* args) {
-    fuse_opt_add_arg(args, "-odefault_permissions,fsname=tavi_sysfs_emu,subtype=tavi_sysfs_emu");
-    if (geteuid() == 0) fuse_opt_add_arg(args, "-oallow_other");
-}
-
-int Serve(fuse_args* args, const char* mountpoint, bool foreground) {
-    EmulatorState state;
-    clock_gettime(CLOCK_REALTIME, &state.start_time);
-    fuse_lowlevel_ops operations = MakeOperations();
     fuse_session* session = fuse_session_new(args, &operations, sizeof(operations), &state);
     if (session == nullptr) return 1;
     int status = 1;
@@ -282,28 +246,40 @@ int Serve(fuse_args* args, const char* mountpoint, bool foreground) {
         fuse_remove_signal_handlers(session);
     }
     fuse_session_destroy(session);
-    if (state.log.Dropped() > 0) LOG(ERROR) << state.log.Dropped() << " records dropped in all";
+    if (state.dropped > 0) LOG(ERROR) << state.dropped << " records dropped in all";
     return status;
 }
 
 int Main(int argc, char** argv) {
     android::base::InitLogging(argv, &android::base::StderrLogger);
-    UnblockStopSignals();
+    // A parent that blocked the stop signals (as the daemon's tests do) must not leave them
+    // blocked here, or SIGTERM could never unmount us.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, number);
+    sigprocmask(SIG_UNBLOCK, &stop_signals, nullptr);
 
     fuse_args args = FUSE_ARGS_INIT(argc, argv);
     fuse_cmdline_opts options{};
     if (fuse_parse_cmdline(&args, &options) != 0) return 1;
     std::unique_ptr<char, decltype(&free)> mountpoint(options.mountpoint, &free);
     int status = 0;
-    if (options.show_help) {
-        PrintUsage(argv[0]);
+    if (options.show_help || (mountpoint == nullptr && !options.show_version)) {
+        printf("usage: %s [-f] [-d] [-o option[,option...]] MOUNTPOINT\n"
+               "Serves the emulated kernel log attribute: MOUNTPOINT/log (read, poll),\n"
+               "MOUNTPOINT/inject (each write queues one record), MOUNTPOINT/pending (count).\n\n",
+               argv[0]);
+        fuse_cmdline_help();
+        fuse_lowlevel_help();
+        status = options.show_help ? 0 : 1;
     } else if (options.show_version) {
         fuse_lowlevel_version();
-    } else if (mountpoint == nullptr) {
-        PrintUsage(argv[0]);
-        status = 1;
     } else {
-        AddMountOptions(&args);
+        // Root's mount is shared with everyone (a daemon under test may run as another user),
+        // while the kernel still applies the modes above to them.
+        fuse_opt_add_arg(&args,
+                         "-odefault_permissions,fsname=tavi_sysfs_emu,subtype=tavi_sysfs_emu");
+        if (geteuid() == 0) fuse_opt_add_arg(&args, "-oallow_other");
         status = Serve(&args, mountpoint.get(), options.foreground != 0);
     }
     fuse_opt_free_args(&args);
