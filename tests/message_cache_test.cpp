@@ -31,8 +31,8 @@ using android::base::INFO;
 using android::base::ReadFileToString;
 using android::base::WriteStringToFile;
 using testing::Drain;
+using testing::Fields;
 using testing::LogCapture;
-using testing::TextForms;
 using Lines = std::vector<std::string>;
 namespace fs = std::filesystem;
 
@@ -44,10 +44,10 @@ Message MakeMessage(int32_t error_code, const std::string& text = "") {
     return {LOG, kCharger, 3, error_code, 0, 0, 0, 0, text};
 }
 
-std::string Entry(const Message& message) {
-    std::string record;
-    message.SerializeToString(&record);
-    return record + kTerminator;
+// The entry of MakeMessage(error_code, text), written out by hand.
+std::string Entry(int32_t error_code, const std::string& text = "") {
+    return "0\0004\0003\000"s + std::to_string(error_code) + "\0000\0000\0000\0000\000"s + text +
+           kTerminator;
 }
 
 // Root reads any file through CAP_DAC_OVERRIDE / CAP_DAC_READ_SEARCH; dropping both from this
@@ -108,7 +108,7 @@ TEST_F(MessageCacheTest, StoreRefusesWhenFullAndRestoreAppendsAndEmpties) {
 
     std::vector<Message> out{MakeMessage(9)};
     cache.Restore(out);
-    EXPECT_EQ(TextForms(out), TextForms({MakeMessage(9), MakeMessage(1), MakeMessage(2)}));
+    EXPECT_EQ(Fields(out), Fields({MakeMessage(9), MakeMessage(1), MakeMessage(2)}));
     cache.Restore(out);
     EXPECT_EQ(out.size(), 3u);
     EXPECT_TRUE(cache.Store(MakeMessage(4)));
@@ -132,7 +132,7 @@ TEST_F(MessageCacheTest, NothingToDoLeavesTheDiskAlone) {
 }
 
 TEST_F(MessageCacheTest, SaveMergesAfterFileBytesAndLoadAppendsAfterHeldMessages) {
-    const std::string existing = "never parsed by Save" + kTerminator + Entry(MakeMessage(1));
+    const std::string existing = "never parsed by Save" + kTerminator + Entry(1);
     WriteCacheFile(existing);
     ASSERT_EQ(chmod(path_.c_str(), 0644), 0);
     ASSERT_EQ(chown(path_.c_str(), 1234, 1234), 0);
@@ -141,9 +141,7 @@ TEST_F(MessageCacheTest, SaveMergesAfterFileBytesAndLoadAppendsAfterHeldMessages
     cache.Store(kChargerMessage);
     cache.Store(MakeMessage(7, "hi\n"));
     ASSERT_TRUE(cache.Save(path_));
-    EXPECT_EQ(ReadCacheFile(), existing + kChargerRecord + kTerminator +
-                                       "0\0004\0003\0007\0000\0000\0000\0000\000hi\n"s +
-                                       kTerminator);
+    EXPECT_EQ(ReadCacheFile(), existing + kChargerRecord + kTerminator + Entry(7, "hi\n"));
     struct stat status {};
     ASSERT_EQ(stat(path_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600u);
@@ -153,8 +151,8 @@ TEST_F(MessageCacheTest, SaveMergesAfterFileBytesAndLoadAppendsAfterHeldMessages
     cache.Store(MakeMessage(4));
     ASSERT_TRUE(cache.Load(path_));
     EXPECT_FALSE(CacheFileExists());
-    EXPECT_EQ(TextForms(Drain(cache)),
-              TextForms({MakeMessage(4), MakeMessage(1), kChargerMessage, MakeMessage(7, "hi\n")}));
+    EXPECT_EQ(Fields(Drain(cache)),
+              Fields({MakeMessage(4), MakeMessage(1), kChargerMessage, MakeMessage(7, "hi\n")}));
     EXPECT_EQ(capture_.Texts(),
               (Lines{"Saved the cache to " + path_, "Failed to deserialize: never parsed by Save",
                      "Loaded the cache from " + path_}));
@@ -178,21 +176,19 @@ TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
         const std::string existing(c.existing_size, 'x');
         WriteCacheFile(existing);
         MessageCache cache(128);
-        std::vector<Message> messages;
-        for (const auto& text : c.texts) {
-            messages.push_back({LOG, 0, 0, 0, 0, 0, 0, 0, text});
-            cache.Store(messages.back());
-        }
+        for (const auto& text : c.texts) cache.Store({LOG, 0, 0, 0, 0, 0, 0, 0, text});
         capture_.Clear();
 
         ASSERT_TRUE(cache.Save(path_));
         std::string expected = existing;
-        for (size_t i = 0; i < c.entries_written; ++i) expected += Entry(messages[i]);
+        for (size_t i = 0; i < c.entries_written; ++i) {
+            expected += "0\0000\0000\0000\0000\0000\0000\0000\000"s + c.texts[i] + kTerminator;
+        }
         const std::string content = ReadCacheFile();
         EXPECT_EQ(content.size(), expected.size());
         EXPECT_TRUE(content == expected);
         Lines lines{"Saved the cache to " + path_};
-        if (c.entries_written < messages.size()) {
+        if (c.entries_written < c.texts.size()) {
             lines.insert(lines.begin(),
                          "The cache file size reaches the limit(1048576 bytes), "
                          "ignoring the remaining messages");
@@ -207,14 +203,14 @@ TEST_F(MessageCacheTest, SaveStopsAtTheSizeCeiling) {
 // bad record is logged and passed over, an unterminated last record is read.
 TEST_F(MessageCacheTest, LoadSkipsBadRecordsAndGoesOn) {
     const std::string tail = "1\0002\0003\0004\0005\0006\0007\0008\000tail"s;
-    WriteCacheFile(Entry(MakeMessage(1, "ab" + kTerminator + tail)) + kTerminator + "garbage" +
-                   kTerminator + kChargerRecord);
+    WriteCacheFile(Entry(1, "ab" + kTerminator + tail) + kTerminator + "garbage" + kTerminator +
+                   kChargerRecord);
     MessageCache cache(128);
     ASSERT_TRUE(cache.Load(path_));
     EXPECT_FALSE(CacheFileExists());
-    EXPECT_EQ(TextForms(Drain(cache)), TextForms({MakeMessage(1, "ab"),
-                                                  {DEBUG_LOG, 2, 3, 4, 5, 6, 7, 8, "tail"},
-                                                  kChargerMessage}));
+    EXPECT_EQ(Fields(Drain(cache)), Fields({MakeMessage(1, "ab"),
+                                            {DEBUG_LOG, 2, 3, 4, 5, 6, 7, 8, "tail"},
+                                            kChargerMessage}));
     EXPECT_EQ(capture_.Texts(),
               (Lines{"Failed to deserialize: garbage", "Loaded the cache from " + path_}));
 }
@@ -223,7 +219,7 @@ TEST_F(MessageCacheTest, LoadKeepsOnlyCapacityAndDeletesTheFile) {
     std::string content;
     std::vector<Message> first;
     for (int i = 0; i < 200; ++i) {
-        content += Entry(MakeMessage(i));
+        content += Entry(i);
         if (i < 128) first.push_back(MakeMessage(i));
     }
     WriteCacheFile(content);
@@ -232,7 +228,7 @@ TEST_F(MessageCacheTest, LoadKeepsOnlyCapacityAndDeletesTheFile) {
     ASSERT_TRUE(cache.Load(path_));
     EXPECT_FALSE(CacheFileExists());
     EXPECT_EQ(capture_.Texts(ERROR), Lines(72, "Cache size limit, ignoring"));
-    EXPECT_EQ(TextForms(Drain(cache)), TextForms(first));
+    EXPECT_EQ(Fields(Drain(cache)), Fields(first));
 }
 
 // Removed before any record is read: a record that ends the process is not met again.
@@ -255,7 +251,7 @@ TEST_F(MessageCacheTest, UnusablePathsAreLeftAlone) {
     } cases[] = {
             {"symbolic link to a regular file",
              [&] {
-                 ASSERT_TRUE(WriteStringToFile(Entry(MakeMessage(1)), target));
+                 ASSERT_TRUE(WriteStringToFile(Entry(1), target));
                  ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
              },
              true, false},
@@ -264,7 +260,7 @@ TEST_F(MessageCacheTest, UnusablePathsAreLeftAlone) {
             {"directory", [&] { ASSERT_EQ(mkdir(path_.c_str(), 0700), 0); }, false, false},
             {"unreadable regular file",
              [&] {
-                 WriteCacheFile(Entry(MakeMessage(1)));
+                 WriteCacheFile(Entry(1));
                  ASSERT_EQ(chmod(path_.c_str(), 0200), 0);  // writable, so Save could overwrite
              },
              true, true},
@@ -301,7 +297,7 @@ TEST_F(MessageCacheTest, UnusablePathsAreLeftAlone) {
                                                                  path_ + ", stop saving the cache"
                                                        : "Failed to save the cache to " + path_));
         }
-        EXPECT_EQ(TextForms(Drain(cache)), TextForms({MakeMessage(5)}));
+        EXPECT_EQ(Fields(Drain(cache)), Fields({MakeMessage(5)}));
         EXPECT_EQ(Snapshot(), before);
     }
 }

@@ -23,15 +23,10 @@ using testing::Hex;
 using testing::TextForm;
 using Lines = std::vector<std::string>;
 
-// libbase writes a text that ends in a line feed as that line followed by an empty one.
-Lines Logged(const std::string& prefix, const std::vector<Message>& messages) {
+// The text form ends in a line feed, which libbase writes as the line followed by an empty one.
+Lines Logged(const std::string& prefix, const std::vector<std::string>& forms) {
     Lines lines;
-    for (const auto& message : messages) {
-        std::string line = prefix + TextForm(message);
-        EXPECT_EQ(line.back(), '\n');
-        line.pop_back();
-        lines.insert(lines.end(), {line, ""});
-    }
+    for (const auto& form : forms) lines.insert(lines.end(), {prefix + form, ""});
     return lines;
 }
 
@@ -86,22 +81,40 @@ TEST_F(MessageHandlerTest, ActiveServiceGetsEveryEventWithAllFields) {
         Message message;
         const char* probe;
         const char* hex;
+        const char* form;
     } cases[] = {
             {Record(2, 1, 1000, -1, 0, 300, 9), "TaviLinuxOsBadSector",
-             "08 01 10 E8 07 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02"},
+             "08 01 10 E8 07 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02",
+             "Message {Type: LOG, Category: 2, LogLevel: 1, ErrorCode: 1000, Param1: -1, Param2: "
+             "0, Param3: 300, Param4: 9, Message: text}"},
             {Record(2, 2, 1001, 5, 6, 7, 8), "TaviLinuxOsMmcRecoveryFailure",
-             "08 02 10 E9 07 18 05"},
-            {Record(3, 0, 2000, 0, 1, 1, 1), "TaviDisplayShort", "08 00 10 D0 0F 18 00"},
-            {Record(3, 7, 5, -4), "TaviDisplayShort", "08 07 10 05 18 01"},
+             "08 02 10 E9 07 18 05",
+             "Message {Type: LOG, Category: 2, LogLevel: 2, ErrorCode: 1001, Param1: 5, Param2: 6, "
+             "Param3: 7, Param4: 8, Message: text}"},
+            {Record(3, 0, 2000, 0, 1, 1, 1), "TaviDisplayShort", "08 00 10 D0 0F 18 00",
+             "Message {Type: LOG, Category: 3, LogLevel: 0, ErrorCode: 2000, Param1: 0, Param2: 1, "
+             "Param3: 1, Param4: 1, Message: text}"},
+            {Record(3, 7, 5, -4), "TaviDisplayShort", "08 07 10 05 18 01",
+             "Message {Type: LOG, Category: 3, LogLevel: 7, ErrorCode: 5, Param1: -4, Param2: 0, "
+             "Param3: 0, Param4: 0, Message: text}"},
             {Record(4, 1, 3000, 0, -2, 3, 4), "TaviChargerDetectInvalidBattery",
-             "08 01 10 B8 17 18 00 20 FE FF FF FF FF FF FF FF FF 01"},
-            {Record(4, 1, 3001, 1, 2, 3, 4), "TaviChargerDetectPdHardReset",
-             "08 01 10 B9 17 18 01"},
+             "08 01 10 B8 17 18 00 20 FE FF FF FF FF FF FF FF FF 01",
+             "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3000, Param1: 0, Param2: "
+             "-2, Param3: 3, Param4: 4, Message: text}"},
+            {Record(4, 1, 3001, 1, 2, 3, 4), "TaviChargerDetectPdHardReset", "08 01 10 B9 17 18 01",
+             "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 2, "
+             "Param3: 3, Param4: 4, Message: text}"},
             {Record(4, 2, 3002, -1, 0, 300, -3), "TaviChargerDetectSocFreeze",
-             "08 02 10 BA 17 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02 30 01"},
+             "08 02 10 BA 17 18 FF FF FF FF FF FF FF FF FF 01 20 00 28 AC 02 30 01",
+             "Message {Type: LOG, Category: 4, LogLevel: 2, ErrorCode: 3002, Param1: -1, Param2: "
+             "0, Param3: 300, Param4: -3, Message: text}"},
             {Record(4, 0, 3003, 2, 0, 7, 9), "TaviChargerDetectWlcFwUpdate",
-             "08 00 10 BB 17 18 01 20 00 28 07"},
-            {Record(4, 1, 3004, 0, 5, 5, 5), "TaviChargerDetectWlcManyIsr", "08 01 10 BC 17 18 00"},
+             "08 00 10 BB 17 18 01 20 00 28 07",
+             "Message {Type: LOG, Category: 4, LogLevel: 0, ErrorCode: 3003, Param1: 2, Param2: 0, "
+             "Param3: 7, Param4: 9, Message: text}"},
+            {Record(4, 1, 3004, 0, 5, 5, 5), "TaviChargerDetectWlcManyIsr", "08 01 10 BC 17 18 00",
+             "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3004, Param1: 0, Param2: 5, "
+             "Param3: 5, Param4: 5, Message: text}"},
     };
     for (const auto& c : cases) {
         StartOver();
@@ -114,7 +127,7 @@ TEST_F(MessageHandlerTest, ActiveServiceGetsEveryEventWithAllFields) {
         EXPECT_EQ(calls[1].source, "tavi");
         EXPECT_EQ(calls[1].probe, c.probe);
         EXPECT_EQ(Hex(calls[1].payload), c.hex) << c.probe;
-        EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", {c.message}));
+        EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", {c.form}));
         EXPECT_EQ(log_.Texts().size(), 2u);
         EXPECT_EQ(testing::Drain(*cache_).size(), 0u);
     }
@@ -127,22 +140,36 @@ TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
             Record(1, 1, 1, 2, 3, 4, 5), Record(2, 1, 1002), Record(3, 2, 2000, 1), Record(2, 1, 0),
             Record(4, 1, 2999),          Record(4, 1, 3005), Record(4, 1, 3001, 1),
     };
+    const Lines forms = {
+            "Message {Type: LOG, Category: 1, LogLevel: 1, ErrorCode: 1, Param1: 2, Param2: 3, "
+            "Param3: 4, Param4: 5, Message: text}",
+            "Message {Type: LOG, Category: 2, LogLevel: 1, ErrorCode: 1002, Param1: 0, Param2: 0, "
+            "Param3: 0, Param4: 0, Message: text}",
+            "Message {Type: LOG, Category: 3, LogLevel: 2, ErrorCode: 2000, Param1: 1, Param2: 0, "
+            "Param3: 0, Param4: 0, Message: text}",
+            "Message {Type: LOG, Category: 2, LogLevel: 1, ErrorCode: 0, Param1: 0, Param2: 0, "
+            "Param3: 0, Param4: 0, Message: text}",
+            "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 2999, Param1: 0, Param2: 0, "
+            "Param3: 0, Param4: 0, Message: text}",
+            "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3005, Param1: 0, Param2: 0, "
+            "Param3: 0, Param4: 0, Message: text}",
+            "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
+            "Param3: 0, Param4: 0, Message: text}"};
     fake_ubo::script.active = {0, -1, 0, -7, 0, INT32_MIN, 0};
     for (const auto& message : records) Deliver(message);
-    EXPECT_EQ(log_.Texts(INFO), Logged("Store the message in the cache: ", records));
+    EXPECT_EQ(log_.Texts(INFO), Logged("Store the message in the cache: ", forms));
     EXPECT_EQ(log_.Texts().size(), 2 * records.size());
     EXPECT_EQ(fake_ubo::Calls(Call::kIsActive).size(), records.size());
     EXPECT_EQ(fake_ubo::Calls(Call::kAddEvent).size(), 0u);
 
     std::vector<Message> cached = testing::Drain(*cache_);
-    EXPECT_EQ(testing::TextForms(cached), testing::TextForms(records));
+    EXPECT_EQ(testing::Fields(cached), testing::Fields(records));
     StartOver();
     fake_ubo::script.active_after = 2;  // any positive answer means active
     for (const auto& message : cached) Deliver(message);
-    EXPECT_EQ(log_.Texts(ERROR),
-              Logged("Failed to pack the massage: ",
-                     {records[0], records[1], records[3], records[4], records[5]}));
-    EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", {records[2], records[6]}));
+    EXPECT_EQ(log_.Texts(ERROR), Logged("Failed to pack the massage: ",
+                                        {forms[0], forms[1], forms[3], forms[4], forms[5]}));
+    EXPECT_EQ(log_.Texts(INFO), Logged("Send the message to UBO: ", {forms[2], forms[6]}));
     const auto sent = fake_ubo::Calls(Call::kAddEvent);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0].probe, "TaviDisplayShort");
@@ -154,7 +181,9 @@ TEST_F(MessageHandlerTest, RefusedEventIsLoggedAndLost) {
     const Message display = Record(3, 1, 2000, 1);
     fake_ubo::script.add_event = -5;
     Deliver(display);
-    Lines expected = Logged("Send the message to UBO: ", {display});
+    Lines expected = Logged("Send the message to UBO: ",
+                            {"Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: 2000, "
+                             "Param1: 1, Param2: 0, Param3: 0, Param4: 0, Message: text}"});
     expected.push_back("ubo_add_event() for TaviDisplayShort probe failed with return code -5");
     EXPECT_EQ(log_.Texts(), expected);
     EXPECT_EQ(log_.Texts(ERROR), Lines{expected.back()});

@@ -19,8 +19,8 @@ namespace vendor::vesk::tavi {
 namespace {
 
 using namespace std::string_literals;
+using testing::Fields;
 using testing::RunUncaught;
-using testing::TextForm;
 
 TEST(ParseSysfsLogValueDeathTest, OutOfRangeFieldEndsTheProcess) {
     for (const std::string& text : {"2147483648,2,3,4,5,6,7\n"s, "1,2,3,-2147483649,5,6,7\n"s,
@@ -126,7 +126,7 @@ TEST(ParseSysfsLogValue, AgreesWithTheRegularExpression) {
         log.Clear();
         Message message = sentinel;
         ASSERT_EQ(ParseSysfsLogValue(text, message), matches);
-        EXPECT_EQ(TextForm(message), TextForm(expected));
+        EXPECT_EQ(Fields({message}), Fields({expected}));
         EXPECT_EQ(
                 android::base::Join(log.Texts(android::base::ERROR), '\n'),
                 matches ? "" : AsLogged("Failed to parse the string for MessageType LOG: " + text));

@@ -2,8 +2,10 @@
 
 #pragma once
 
+#include <cstdint>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <android-base/stringprintf.h>
@@ -19,12 +21,18 @@ inline std::string TextForm(const Message& message) {
     return os.str();
 }
 
-// Compared through the text form so that a mismatch shows every field.
-inline std::vector<std::string> TextForms(const std::vector<Message>& messages) {
-    std::vector<std::string> texts;
-    texts.reserve(messages.size());
-    for (const auto& message : messages) texts.push_back(TextForm(message));
-    return texts;
+using MessageFields = std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t,
+                                 int32_t, std::string>;
+
+// Compared field by field so that a mismatch shows every field.
+inline std::vector<MessageFields> Fields(const std::vector<Message>& messages) {
+    std::vector<MessageFields> fields;
+    fields.reserve(messages.size());
+    for (const auto& m : messages) {
+        fields.emplace_back(m.type, m.category, m.log_level, m.error_code, m.param1, m.param2,
+                            m.param3, m.param4, m.message);
+    }
+    return fields;
 }
 
 // Takes every message the cache holds.
