@@ -8,11 +8,13 @@
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/empty.pb.h>
 #include <google/protobuf/unknown_field_set.h>
 
 namespace vendor::vesk::tavi::sim {
 namespace {
 
+using google::protobuf::Descriptor;
 using google::protobuf::DescriptorProto;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::FieldDescriptorProto;
@@ -56,10 +58,10 @@ Json Value(const Message& message, const FieldDescriptor* field, int index) {
             return TAVI_GET(Double);
         case FieldDescriptor::CPPTYPE_STRING: {
             std::string bytes = TAVI_GET(String);
-            return field->type() == FieldDescriptor::TYPE_STRING ? bytes : CompactHex(bytes);
+            return field->type() == FieldDescriptor::TYPE_STRING ? bytes : Hex(bytes);
         }
         default:
-            return CompactHex(TAVI_GET(Message).SerializeAsString());
+            return Hex(TAVI_GET(Message).SerializeAsString());
     }
 #undef TAVI_GET
 }
@@ -74,7 +76,7 @@ Json UnknownValue(const UnknownField& field) {
         case UnknownField::TYPE_FIXED64:
             return field.fixed64();
         case UnknownField::TYPE_LENGTH_DELIMITED:
-            return CompactHex(field.length_delimited());
+            return Hex(field.length_delimited());
         default:
             return "group";
     }
@@ -95,7 +97,7 @@ void Add(DecodedEvent* event, const std::string& name, const Json& values, bool 
     }
     bool list = repeated || values.size() > 1;
     event->fields[name] = list ? values : values[0];
-    if (event->text.size() > 1) event->text += ", ";
+    if (!event->text.empty()) event->text += ", ";
     event->text += name + ": ";
     event->text += list ? "[" + android::base::Join(texts, ", ") + "]" : texts[0];
 }
@@ -110,23 +112,27 @@ void AddUnknown(DecodedEvent* event, const UnknownFieldSet& unknown) {
     }
 }
 
+class ErrorCollector : public google::protobuf::compiler::MultiFileErrorCollector {
+  public:
+    void AddError(const std::string& filename, int line, int column,
+                  const std::string& message) override {
+        // The parser counts from 0 and reports -1 for errors about the whole file.
+        if (line < 0) {
+            LOG(ERROR) << filename << ": " << message;
+        } else {
+            LOG(ERROR) << filename << ":" << line + 1 << ":" << column + 1 << ": " << message;
+        }
+    }
+};
+
 }  // namespace
 
-void EventDecoder::ErrorCollector::AddError(const std::string& filename, int line, int column,
-                                            const std::string& message) {
-    // The parser counts from 0 and reports -1 for errors about the whole file.
-    if (line < 0) {
-        LOG(ERROR) << filename << ": " << message;
-    } else {
-        LOG(ERROR) << filename << ":" << line + 1 << ":" << column + 1 << ": " << message;
-    }
-}
-
 std::unique_ptr<EventDecoder> EventDecoder::Load(const std::string& proto_path) {
+    static ErrorCollector errors;
     std::unique_ptr<EventDecoder> decoder(new EventDecoder);
     decoder->source_tree_.MapPath("", android::base::Dirname(proto_path));
-    decoder->importer_ = std::make_unique<google::protobuf::compiler::Importer>(
-            &decoder->source_tree_, &decoder->errors_);
+    decoder->importer_ =
+            std::make_unique<google::protobuf::compiler::Importer>(&decoder->source_tree_, &errors);
     decoder->file_ = decoder->importer_->Import(android::base::Basename(proto_path));
     if (decoder->file_ == nullptr) {
         LOG(ERROR) << "Cannot load the event schema " << proto_path;
@@ -145,23 +151,19 @@ std::unique_ptr<EventDecoder> EventDecoder::Load(const std::string& proto_path) 
 
 DecodedEvent EventDecoder::Decode(std::string_view probe, std::string_view payload) {
     DecodedEvent event;
-    event.text = "{";
-    const auto* message_type = file_->FindMessageTypeByName(std::string(probe));
-    event.known_probe = message_type != nullptr;
-    if (message_type == nullptr) {
-        // Nothing declared: every field is shown by its number.
-        UnknownFieldSet unknown;
-        if (!unknown.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
-            event.error = "not a protocol-buffers message";
-        }
-        AddUnknown(&event, unknown);
-        event.text += "}";
-        return event;
-    }
+    const Descriptor* declared = file_->FindMessageTypeByName(std::string(probe));
+    event.known_probe = declared != nullptr;
+    // Nothing declared: an empty message shows every field by its number.
     std::unique_ptr<Message> message(
-            factory_.GetPrototype(plain_file_->FindMessageTypeByName(message_type->name()))->New());
+            declared == nullptr
+                    ? new google::protobuf::Empty
+                    : factory_.GetPrototype(plain_file_->FindMessageTypeByName(declared->name()))
+                              ->New());
     if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
-        event.error = "does not parse as " + message_type->name();
+        event.error = declared != nullptr ? "does not parse as " + declared->name()
+                                          : "not a protocol-buffers message";
+        // Of what is not a message at all, nothing is shown.
+        if (declared == nullptr) message->Clear();
     }
     const Reflection* reflection = message->GetReflection();
     std::vector<const FieldDescriptor*> fields;
@@ -171,25 +173,17 @@ DecodedEvent EventDecoder::Decode(std::string_view probe, std::string_view paylo
         int count = field->is_repeated() ? reflection->FieldSize(*message, field) : 1;
         for (int i = 0; i < count; ++i) values.push_back(Value(*message, field, i));
         Add(&event, field->name(), values, field->is_repeated(),
-            message_type->FindFieldByNumber(field->number()));
+            declared->FindFieldByNumber(field->number()));
     }
     AddUnknown(&event, reflection->GetUnknownFields(*message));
-    event.text += "}";
+    event.text = "{" + event.text + "}";
     return event;
 }
 
-std::string SpacedHex(std::string_view bytes) {
+std::string Hex(std::string_view bytes, const char* byte_format) {
     std::string hex;
-    for (char byte : bytes) {
-        if (!hex.empty()) hex += ' ';
-        hex += android::base::StringPrintf("%02X", static_cast<uint8_t>(byte));
-    }
-    return hex;
-}
-
-std::string CompactHex(std::string_view bytes) {
-    std::string hex;
-    for (char byte : bytes) hex += android::base::StringPrintf("%02x", static_cast<uint8_t>(byte));
+    for (char byte : bytes)
+        hex += android::base::StringPrintf(byte_format, static_cast<uint8_t>(byte));
     return hex;
 }
 

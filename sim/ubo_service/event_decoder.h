@@ -29,24 +29,15 @@ class EventDecoder {
   public:
     // Parses the schema file; null (after logging the parser's complaints) when it fails.
     static std::unique_ptr<EventDecoder> Load(const std::string& proto_path);
-    EventDecoder(const EventDecoder&) = delete;
-    EventDecoder& operator=(const EventDecoder&) = delete;
 
     // Shows values a schema-true parser would drop (undeclared enum numbers, unknown fields)
     // as they were sent.
     DecodedEvent Decode(std::string_view probe, std::string_view payload);
 
   private:
-    class ErrorCollector : public google::protobuf::compiler::MultiFileErrorCollector {
-      public:
-        void AddError(const std::string& filename, int line, int column,
-                      const std::string& message) override;
-    };
-
     EventDecoder() = default;
 
     google::protobuf::compiler::DiskSourceTree source_tree_;
-    ErrorCollector errors_;
     std::unique_ptr<google::protobuf::compiler::Importer> importer_;
     const google::protobuf::FileDescriptor* file_ = nullptr;
     // The schema with every enumeration field turned into a plain int32: the parser then keeps
@@ -56,10 +47,8 @@ class EventDecoder {
     google::protobuf::DynamicMessageFactory factory_;
 };
 
-// "08 02 10 BA 17" for the text line.
-std::string SpacedHex(std::string_view bytes);
-// "080210ba17" for the JSON record.
-std::string CompactHex(std::string_view bytes);
+// "080210ba17" for the JSON record; " %02X" gives " 08 02 10 BA 17" for the text line.
+std::string Hex(std::string_view bytes, const char* byte_format = "%02x");
 // A JSON value as text; bytes that are not UTF-8 are replaced rather than failing.
 std::string Dump(const Json& value);
 

@@ -1,0 +1,532 @@
+// ubo_sim: the event-reporting service of the simulated device, as seen through libubo.so:
+// sessions, an active flag, a scripted add_event result and a log of every event, all on one
+// thread driven by epoll.
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <math.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/parsedouble.h>
+#include <android-base/parseint.h>
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+
+#include "event_decoder.h"
+#include "ubo_protocol.h"
+
+namespace vendor::vesk::tavi::sim {
+namespace {
+
+namespace protocol = ubo_protocol;
+using android::base::StringPrintf;
+using android::base::unique_fd;
+using Clock = std::chrono::steady_clock;
+
+// One command line per control connection; anything longer is not a command.
+constexpr size_t kMaxCommandSize = 1024;
+constexpr int kListenBacklog = 16;
+constexpr int kEventsPerWait = 16;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+struct Options {
+    std::string socket_path = protocol::SessionSocketPath();
+    std::string control_path;
+    // Empty: no event log (one JSON record a line).
+    std::string events_path;
+    std::string proto_path = UBO_SIM_DEFAULT_PROTO;
+    bool active = false;
+    // Becomes active this many seconds after start; negative: only on command.
+    double active_after_seconds = -1;
+    // What ubo_add_event returns: 0, or a negative failure code.
+    int32_t add_event_code = 0;
+};
+
+// A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
+bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) < 0) {
+        bool missing = errno == ENOENT;
+        if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
+        return missing;
+    }
+    unique_fd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!S_ISSOCK(status.st_mode)) {
+        LOG(ERROR) << path << " exists and is not a socket";
+    } else if (probe >= 0 &&
+               connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        LOG(ERROR) << "Another simulator is listening on " << path;
+    } else if (unlink(path.c_str()) < 0) {
+        PLOG(ERROR) << "unlink(" << path << ") failed";
+    } else {
+        return true;
+    }
+    return false;
+}
+
+unique_fd Listen(const std::string& path, int type) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+        LOG(ERROR) << "Unusable socket path \"" << path << "\"";
+        return {};
+    }
+    path.copy(address.sun_path, path.size());
+    std::string directory = android::base::Dirname(path);
+    if (mkdir(directory.c_str(), 0755) < 0 && errno != EEXIST) {
+        PLOG(ERROR) << "mkdir(" << directory << ") failed";
+        return {};
+    }
+    if (!RemoveStaleSocket(path, address)) return {};
+    unique_fd fd(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
+        listen(fd, kListenBacklog) < 0) {
+        PLOG(ERROR) << "Cannot listen on " << path;
+        return {};
+    }
+    return fd;
+}
+
+// Replies are a few bytes and every client waits for each one, so a reply that does not fit
+// into the socket at once means a misbehaving peer.
+bool SendAll(int fd, std::string_view data) {
+    return TEMP_FAILURE_RETRY(send(fd, data.data(), data.size(), MSG_NOSIGNAL | MSG_DONTWAIT)) ==
+           static_cast<ssize_t>(data.size());
+}
+
+int32_t PeerPid(int fd) {
+    ucred credentials{};
+    socklen_t size = sizeof(credentials);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) < 0) return 0;
+    return credentials.pid;
+}
+
+class Simulator {
+  public:
+    Simulator(Options options, std::unique_ptr<EventDecoder> decoder)
+        : options_(std::move(options)), decoder_(std::move(decoder)) {}
+
+    // Removes the sockets it created.
+    ~Simulator() {
+        if (session_listener_ >= 0) unlink(options_.socket_path.c_str());
+        if (control_listener_ >= 0) unlink(options_.control_path.c_str());
+    }
+
+    // Opens the log, binds both sockets and arms the start-up timer; false after logging why.
+    bool Start() {
+        if (!options_.events_path.empty()) {
+            log_fd_.reset(open(options_.events_path.c_str(),
+                               O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+            if (log_fd_ < 0) {
+                PLOG(ERROR) << "open(" << options_.events_path << ") failed";
+                return false;
+            }
+        }
+        // Blocked before anything else so that a stop request during start-up waits in the queue.
+        sigset_t stop_signals;
+        sigemptyset(&stop_signals);
+        sigaddset(&stop_signals, SIGINT);
+        sigaddset(&stop_signals, SIGTERM);
+        sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+        (void)signal(SIGPIPE, SIG_IGN);  // a vanished client shows up as EPIPE instead
+        epoll_fd_.reset(epoll_create1(EPOLL_CLOEXEC));
+        signal_fd_.reset(signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC));
+        if (epoll_fd_ < 0 || signal_fd_ < 0) {
+            PLOG(ERROR) << "epoll_create1() or signalfd() failed";
+            return false;
+        }
+        session_listener_ = Listen(options_.socket_path, SOCK_SEQPACKET);
+        if (session_listener_ < 0) return false;
+        control_listener_ = Listen(options_.control_path, SOCK_STREAM);
+        if (control_listener_ < 0 || !Watch(signal_fd_) || !Watch(session_listener_) ||
+            !Watch(control_listener_)) {
+            return false;
+        }
+        active_ = options_.active || options_.active_after_seconds == 0;
+        add_event_code_ = options_.add_event_code;
+        std::string start_line =
+                StringPrintf("listening on %s, control %s, state %s", options_.socket_path.c_str(),
+                             options_.control_path.c_str(), active_ ? "active" : "inactive");
+        if (!active_ && options_.active_after_seconds > 0) {
+            active_at_ = Clock::now() +
+                         std::chrono::microseconds(llround(options_.active_after_seconds * 1e6));
+            start_line += StringPrintf(", active after %g s", options_.active_after_seconds);
+        }
+        Report(start_line, "started",
+               {{"socket", options_.socket_path},
+                {"control", options_.control_path},
+                {"active", active_}});
+        return true;
+    }
+
+    // Serves until SIGINT or SIGTERM; false if waiting for events failed.
+    bool Run() {
+        epoll_event events[kEventsPerWait];
+        while (true) {
+            int count = epoll_wait(epoll_fd_, events, kEventsPerWait, TimerTimeout());
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) {
+                PLOG(ERROR) << "epoll_wait() failed";
+                return false;
+            }
+            if (active_at_ && Clock::now() >= *active_at_) SetActive(true, "timer");
+            for (int i = 0; i < count; ++i) {
+                int fd = events[i].data.fd;
+                if (fd == signal_fd_.get()) {
+                    signalfd_siginfo info;
+                    if (read(fd, &info, sizeof(info)) == sizeof(info)) return Stop(info.ssi_signo);
+                } else if (fd == session_listener_.get() || fd == control_listener_.get()) {
+                    Accept(fd);
+                } else {
+                    ServePeer(fd);
+                }
+            }
+        }
+    }
+
+  private:
+    struct Peer {
+        bool is_session = false;
+        android::base::unique_fd fd;
+        // A control command still arriving.
+        std::string input;
+        // 0 until the hello, and again once the session is closed.
+        int32_t session_id = 0;
+    };
+
+    bool Watch(int fd) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) == 0) return true;
+        PLOG(ERROR) << "epoll_ctl() failed";
+        return false;
+    }
+
+    // Milliseconds until the start-up timer fires (-1: never), rounded up so it never fires early.
+    int TimerTimeout() const {
+        if (!active_at_) return -1;
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(*active_at_ - Clock::now());
+        return static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+
+    // One connection a wake-up: the listener stays readable while more are waiting.
+    void Accept(int listener) {
+        unique_fd fd(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (fd < 0) {
+            if (errno != EAGAIN && errno != EINTR) PLOG(ERROR) << "accept4() failed";
+            return;
+        }
+        if (!Watch(fd)) return;
+        Peer& peer = peers_[fd.get()];
+        peer.is_session = listener == session_listener_.get();
+        peer.fd = std::move(fd);
+    }
+
+    // One packet or one read a wake-up, like the listeners.
+    void ServePeer(int fd) {
+        auto it = peers_.find(fd);
+        // Dropped earlier in the same batch of events.
+        if (it == peers_.end()) return;
+        // One more byte than any request may have, to tell an oversized one from a full one.
+        static char buffer[protocol::kMaxPacketSize + 1];
+        ssize_t n = TEMP_FAILURE_RETRY(recv(fd, buffer, sizeof(buffer), 0));
+        if (n < 0 && errno == EAGAIN) return;
+        Peer& peer = it->second;
+        std::string_view data(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+        // Requests are never empty: nothing read is the hang-up.
+        if (peer.is_session ? n > 0 && HandleRequest(&peer, data)
+                            : n >= 0 && HandleCommand(&peer, data)) {
+            return;
+        }
+        if (peer.session_id > 0) EndSession(peer, /*lost=*/true);
+        // Closing the descriptor also takes it out of the epoll set.
+        peers_.erase(it);
+    }
+
+    // False once the peer is to be dropped: closed or misbehaving.
+    bool HandleRequest(Peer* peer, std::string_view packet) {
+        protocol::Request request;
+        if (packet.size() > protocol::kMaxPacketSize ||
+            !request.ParseFromArray(packet.data(), static_cast<int>(packet.size()))) {
+            LOG(WARNING) << "Dropping a client that sent a malformed request of " << packet.size()
+                         << " bytes";
+            return false;
+        }
+        if ((peer->session_id == 0) != request.has_hello()) {
+            LOG(WARNING) << "Dropping a client that sent request " << request.kind_case()
+                         << (peer->session_id == 0 ? " before" : " after") << " its hello";
+            return false;
+        }
+        protocol::Reply reply;
+        switch (request.kind_case()) {
+            case protocol::Request::kHello:
+                reply.set_value(OpenSession(peer, request.hello()));
+                break;
+            case protocol::Request::kIsActive:
+                reply.set_value(active_ ? 1 : 0);
+                break;
+            case protocol::Request::kAddEvent:
+                reply.set_value(AddEvent(*peer, request.add_event()));
+                break;
+            case protocol::Request::kClose:
+                EndSession(*peer, /*lost=*/false);
+                peer->session_id = 0;
+                reply.set_value(0);
+                break;
+            case protocol::Request::KIND_NOT_SET:
+                LOG(WARNING) << "Dropping a client that sent an empty request";
+                return false;
+        }
+        return SendAll(peer->fd, reply.SerializeAsString()) && peer->session_id > 0;
+    }
+
+    int32_t OpenSession(Peer* peer, const protocol::Hello& hello) {
+        if (hello.version() != protocol::kVersion) {
+            LOG(WARNING) << "Refusing a client of protocol version " << hello.version();
+            return -EPROTONOSUPPORT;
+        }
+        int32_t pid = PeerPid(peer->fd);
+        if (refuse_sessions_) {
+            ++sessions_refused_;
+            Report(StringPrintf("session refused (pid %d)", pid), "session_refused",
+                   {{"pid", pid}});
+            return -ECONNREFUSED;
+        }
+        peer->session_id = ++last_session_id_;
+        Report(StringPrintf("session %d created (pid %d)", peer->session_id, pid),
+               "session_created", {{"session", peer->session_id}, {"pid", pid}});
+        return peer->session_id;
+    }
+
+    // A session ends with a close request, or is lost when its client hangs up without one.
+    void EndSession(const Peer& peer, bool lost) {
+        ++(lost ? sessions_lost_ : sessions_closed_);
+        Report(StringPrintf("session %d %s", peer.session_id,
+                            lost ? "lost (closed without ubo_destroy)" : "destroyed"),
+               lost ? "session_lost" : "session_destroyed", {{"session", peer.session_id}});
+    }
+
+    int32_t AddEvent(const Peer& peer, const protocol::AddEvent& request) {
+        const std::string& payload = request.payload();
+        DecodedEvent event = decoder_->Decode(request.probe(), payload);
+        std::string notes = event.known_probe ? "" : " [unknown probe]";
+        if (!event.error.empty()) notes += " [malformed: " + event.error + "]";
+        if (!active_) notes += " [service inactive]";
+        std::string bytes = payload.empty() ? "(empty)" : Hex(payload, " %02X").substr(1);
+        printf("event #%" PRId64 " session %d source=%s probe=%s rc=%d %s%s bytes=%s\n", ++events_,
+               peer.session_id, request.source().c_str(), request.probe().c_str(), add_event_code_,
+               event.text.c_str(), notes.c_str(), bytes.c_str());
+        Json record = {{"seq", events_},
+                       {"session", peer.session_id},
+                       {"source", request.source()},
+                       {"probe", request.probe()},
+                       {"known_probe", event.known_probe},
+                       {"active", active_},
+                       {"rc", add_event_code_},
+                       {"size", payload.size()},
+                       {"payload_hex", Hex(payload)},
+                       {"fields", std::move(event.fields)}};
+        if (!event.error.empty()) record["decode_error"] = event.error;
+        Log("event", record);
+        return add_event_code_;
+    }
+
+    // One command line per connection: the hang-up after the reply tells the client it is whole.
+    bool HandleCommand(Peer* peer, std::string_view data) {
+        peer->input.append(data);
+        size_t newline = peer->input.find('\n');
+        if (newline == std::string::npos && !data.empty()) {
+            return peer->input.size() <= kMaxCommandSize;
+        }
+        if (!peer->input.empty())
+            SendAll(peer->fd, RunCommand(peer->input.substr(0, newline)) + "\n");
+        return false;
+    }
+
+    std::string RunCommand(const std::string& line) {
+        std::istringstream stream(line);
+        std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+        std::string command = android::base::Join(words, ' ');
+        if (command == "active" || command == "inactive") {
+            SetActive(command == "active", "control");
+            return "service " + command;
+        }
+        if (command == "refuse" || command == "accept") {
+            refuse_sessions_ = command == "refuse";
+            std::string state = refuse_sessions_ ? "new sessions refused" : "new sessions accepted";
+            printf("ubo_sim: %s\n", state.c_str());
+            return state;
+        }
+        if (command == "status") return Status();
+        int32_t code = 0;
+        if (command == "ok" || (words.size() == 2 && words[0] == "fail")) {
+            if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
+                return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
+            }
+            SetAddEventCode(code);
+            return "add_event returns " + std::to_string(code);
+        }
+        return "error: unknown command '" + android::base::Trim(line) +
+               "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
+    }
+
+    std::string Status() const {
+        return StringPrintf("state %s\nadd_event_rc %d\nnew_sessions %s\nsessions_open %" PRId64
+                            "\nsessions_closed %" PRId64 "\nsessions_lost %" PRId64
+                            "\nsessions_refused %" PRId64 "\nevents %" PRId64,
+                            active_ ? "active" : "inactive", add_event_code_,
+                            refuse_sessions_ ? "refused" : "accepted",
+                            last_session_id_ - sessions_closed_ - sessions_lost_, sessions_closed_,
+                            sessions_lost_, sessions_refused_, events_);
+    }
+
+    void SetActive(bool active, const char* cause) {
+        // A command overrides the start-up timer.
+        active_at_.reset();
+        if (active_ == active) return;
+        active_ = active;
+        Report(active ? "service active" : "service inactive", "state",
+               {{"active", active}, {"cause", cause}});
+    }
+
+    void SetAddEventCode(int32_t code) {
+        if (add_event_code_ == code) return;
+        add_event_code_ = code;
+        Report("add_event returns " + std::to_string(code), "add_event_rc", {{"rc", code}});
+    }
+
+    bool Stop(int signal_number) {
+        Report(StringPrintf("stopping on %s", strsignal(signal_number)), "stopped",
+               {{"signal", signal_number}});
+        return true;
+    }
+
+    // The simulator's own line on stdout, and its record in the log.
+    void Report(const std::string& line, const char* kind, const Json& fields) {
+        printf("ubo_sim: %s\n", line.c_str());
+        Log(kind, fields);
+    }
+
+    // A record starts with its kind and the wall-clock time in seconds. Each is one write of a
+    // whole line: with O_APPEND a reader tailing the log never sees half a line.
+    void Log(const char* kind, const Json& fields) {
+        if (log_fd_ < 0) return;
+        std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+        Json record = {{"kind", kind}, {"time", now.count()}};
+        record.update(fields);
+        if (!android::base::WriteStringToFd(Dump(record) + "\n", log_fd_)) {
+            PLOG(ERROR) << "writing the event log failed";
+        }
+    }
+
+    Options options_;
+    std::unique_ptr<EventDecoder> decoder_;
+    unique_fd log_fd_;
+    unique_fd epoll_fd_;
+    unique_fd session_listener_;
+    unique_fd control_listener_;
+    unique_fd signal_fd_;
+    std::map<int, Peer> peers_;
+    // When the start-up timer makes the service active.
+    std::optional<Clock::time_point> active_at_;
+    bool active_ = false;
+    bool refuse_sessions_ = false;
+    int32_t add_event_code_ = 0;
+    int32_t last_session_id_ = 0;
+    int64_t sessions_closed_ = 0;
+    int64_t sessions_lost_ = 0;
+    int64_t sessions_refused_ = 0;
+    int64_t events_ = 0;
+};
+
+void PrintUsage(FILE* out) {
+    fprintf(out,
+            "usage: ubo_sim [--socket PATH] [--control PATH] [--events PATH] [--proto PATH]\n"
+            "               [--active | --active-after SECONDS] [--fail CODE]\n"
+            "  --socket PATH          session socket (default: $%s or %s)\n"
+            "  --control PATH         control socket (default: $%s or %s beside the socket)\n"
+            "  --events PATH          append one JSON record per line to PATH\n"
+            "  --proto PATH           event schema (default: %s)\n"
+            "  --active               start active (default: inactive)\n"
+            "  --active-after SECONDS become active after SECONDS (fractions allowed)\n"
+            "  --fail CODE            ubo_add_event returns the negative CODE from the start\n",
+            protocol::kSocketEnv, protocol::kDefaultSocketPath, protocol::kControlEnv,
+            protocol::kControlSocketName, UBO_SIM_DEFAULT_PROTO);
+}
+
+bool ParseCommandLine(int argc, char** argv, Options* options) {
+    if (const char* control = getenv(protocol::kControlEnv)) options->control_path = control;
+    const std::map<std::string, std::string*> paths = {{"--socket", &options->socket_path},
+                                                       {"--control", &options->control_path},
+                                                       {"--events", &options->events_path},
+                                                       {"--proto", &options->proto_path}};
+    for (int i = 1; i < argc; ++i) {
+        std::string flag = argv[i];
+        if (flag == "--active") {
+            options->active = true;
+            continue;
+        }
+        if (i + 1 >= argc) return false;
+        const char* value = argv[++i];
+        if (auto path = paths.find(flag); path != paths.end()) {
+            *path->second = value;
+        } else if (!(flag == "--active-after" &&
+                     android::base::ParseDouble(value, &options->active_after_seconds, 0.0, 1e6)) &&
+                   !(flag == "--fail" &&
+                     android::base::ParseInt(value, &options->add_event_code, INT32_MIN, -1))) {
+            return false;
+        }
+    }
+    if (options->control_path.empty()) {
+        options->control_path = protocol::ControlSocketPathFor(options->socket_path);
+    }
+    return true;
+}
+
+int Main(int argc, char** argv) {
+    android::base::InitLogging(argv, android::base::StderrLogger);
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        PrintUsage(stdout);
+        return 0;
+    }
+    Options options;
+    if (!ParseCommandLine(argc, argv, &options)) {
+        PrintUsage(stderr);
+        return kExitUsage;
+    }
+    // Each line out at once, for whoever tails it.
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0);
+    std::unique_ptr<EventDecoder> decoder = EventDecoder::Load(options.proto_path);
+    if (!decoder) return kExitFailure;
+    Simulator simulator(std::move(options), std::move(decoder));
+    return simulator.Start() && simulator.Run() ? 0 : kExitFailure;
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi::sim
+
+int main(int argc, char** argv) {
+    return vendor::vesk::tavi::sim::Main(argc, argv);
+}
