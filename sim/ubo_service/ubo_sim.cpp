@@ -4,9 +4,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
-#include <math.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -18,6 +18,7 @@
 #include <chrono>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -31,8 +32,14 @@
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
+#include <google/protobuf/compiler/importer.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/empty.pb.h>
+#include <google/protobuf/unknown_field_set.h>
+#include <nlohmann/json.hpp>
 
-#include "event_decoder.h"
 #include "ubo_protocol.h"
 
 namespace vendor::vesk::tavi::sim {
@@ -42,13 +49,199 @@ namespace protocol = ubo_protocol;
 using android::base::StringPrintf;
 using android::base::unique_fd;
 using Clock = std::chrono::steady_clock;
+namespace protobuf = google::protobuf;
+using protobuf::FieldDescriptor;
+using protobuf::UnknownField;
 
 // One command line per control connection; anything longer is not a command.
 constexpr size_t kMaxCommandSize = 1024;
-constexpr int kListenBacklog = 16;
 constexpr int kEventsPerWait = 16;
-constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+
+using Json = nlohmann::ordered_json;
+
+// A JSON value as text; bytes that are not UTF-8 are replaced rather than failing.
+std::string Dump(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// "080210ba17" for the JSON record; " %02X" gives " 08 02 10 BA 17" for the text line.
+std::string Hex(std::string_view bytes, const char* byte_format = "%02x") {
+    std::string hex;
+    for (unsigned char byte : bytes) hex += StringPrintf(byte_format, byte);
+    return hex;
+}
+
+struct DecodedEvent {
+    bool known_probe = false;
+    // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by number, then the others
+    // by their number.
+    Json fields = Json::object();
+    // {log_level: 2 (LOG_LEVEL_2), error_code: 3002 (CHARGER_DETECT_SOC_FREEZE), param1: -1}
+    std::string text;
+    // Empty when the whole payload parsed.
+    std::string error;
+};
+
+// Every enumeration field becomes an int32 with the same number and wire type.
+void PlainEnums(protobuf::DescriptorProto* message) {
+    for (protobuf::FieldDescriptorProto& field : *message->mutable_field()) {
+        if (field.type() != protobuf::FieldDescriptorProto::TYPE_ENUM) continue;
+        field.set_type(protobuf::FieldDescriptorProto::TYPE_INT32);
+        field.clear_type_name();
+        field.clear_default_value();
+    }
+    for (protobuf::DescriptorProto& nested : *message->mutable_nested_type()) PlainEnums(&nested);
+}
+
+// One value of a declared field; bytes (and nested messages) are shown as hex.
+Json Value(const protobuf::Message& message, const FieldDescriptor* field, int index) {
+    const protobuf::Reflection* reflection = message.GetReflection();
+#define TAVI_GET(Type)                                                           \
+    (field->is_repeated() ? reflection->GetRepeated##Type(message, field, index) \
+                          : reflection->Get##Type(message, field))
+    switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32:
+            return TAVI_GET(Int32);
+        case FieldDescriptor::CPPTYPE_INT64:
+            return TAVI_GET(Int64);
+        case FieldDescriptor::CPPTYPE_UINT32:
+            return TAVI_GET(UInt32);
+        case FieldDescriptor::CPPTYPE_UINT64:
+            return TAVI_GET(UInt64);
+        case FieldDescriptor::CPPTYPE_BOOL:
+            return TAVI_GET(Bool);
+        case FieldDescriptor::CPPTYPE_FLOAT:
+            return TAVI_GET(Float);
+        case FieldDescriptor::CPPTYPE_DOUBLE:
+            return TAVI_GET(Double);
+        case FieldDescriptor::CPPTYPE_STRING: {
+            std::string bytes = TAVI_GET(String);
+            return field->type() == FieldDescriptor::TYPE_STRING ? bytes : Hex(bytes);
+        }
+        default:
+            return Hex(TAVI_GET(Message).SerializeAsString());
+    }
+#undef TAVI_GET
+}
+
+// As it was on the wire: a varint as a signed 64-bit number, fixed ones unsigned.
+Json UnknownValue(const UnknownField& field) {
+    switch (field.type()) {
+        case UnknownField::TYPE_VARINT:
+            return static_cast<int64_t>(field.varint());
+        case UnknownField::TYPE_FIXED32:
+            return field.fixed32();
+        case UnknownField::TYPE_FIXED64:
+            return field.fixed64();
+        case UnknownField::TYPE_LENGTH_DELIMITED:
+            return Hex(field.length_delimited());
+        default:
+            return "group";
+    }
+}
+
+// Adds one field's values to both forms; a single value of a field not declared repeated is
+// shown bare.
+void Add(DecodedEvent* event, const std::string& name, const Json& values, bool repeated,
+         const protobuf::EnumDescriptor* enum_type) {
+    std::vector<std::string> texts;
+    for (const Json& value : values) {
+        std::string text = Dump(value);
+        const auto* named = enum_type ? enum_type->FindValueByNumber(value.get<int>()) : nullptr;
+        if (named != nullptr) text += " (" + named->name() + ")";
+        texts.push_back(std::move(text));
+    }
+    bool list = repeated || values.size() > 1;
+    event->fields[name] = list ? values : values[0];
+    if (!event->text.empty()) event->text += ", ";
+    event->text += name + ": ";
+    event->text += list ? "[" + android::base::Join(texts, ", ") + "]" : texts[0];
+}
+
+void AddUnknown(DecodedEvent* event, const protobuf::UnknownFieldSet& unknown) {
+    std::map<int, Json> by_number;
+    for (int i = 0; i < unknown.field_count(); ++i) {
+        by_number[unknown.field(i).number()].push_back(UnknownValue(unknown.field(i)));
+    }
+    for (const auto& [number, values] : by_number) {
+        Add(event, std::to_string(number), values, false, nullptr);
+    }
+}
+
+// Decodes event payloads field by field, guided by the event schema read at run time, and shows
+// values a schema-true parser would drop (undeclared enum numbers, unknown fields) as they were
+// sent.
+class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
+  public:
+    // Parses the schema file; false (after logging the parser's complaints) when it fails.
+    bool Load(const std::string& proto_path) {
+        source_tree_.MapPath("", android::base::Dirname(proto_path));
+        importer_ = std::make_unique<protobuf::compiler::Importer>(&source_tree_, this);
+        file_ = importer_->Import(android::base::Basename(proto_path));
+        if (file_ == nullptr) {
+            LOG(ERROR) << "Cannot load the event schema " << proto_path;
+            return false;
+        }
+        protobuf::FileDescriptorProto plain;
+        file_->CopyTo(&plain);
+        for (protobuf::DescriptorProto& message : *plain.mutable_message_type()) {
+            PlainEnums(&message);
+        }
+        if (plain_pool_.BuildFile(plain) != nullptr) return true;
+        LOG(ERROR) << "Cannot rebuild the event schema " << proto_path;
+        return false;
+    }
+
+    DecodedEvent Decode(std::string_view probe, std::string_view payload) {
+        DecodedEvent event;
+        const protobuf::Descriptor* declared = file_->FindMessageTypeByName(std::string(probe));
+        event.known_probe = declared != nullptr;
+        // Nothing declared: an empty message shows every field by its number.
+        const protobuf::Descriptor* type =
+                declared == nullptr ? protobuf::Empty::descriptor()
+                                    : plain_pool_.FindMessageTypeByName(declared->full_name());
+        std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
+        if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
+            event.error = declared != nullptr ? "does not parse as " + declared->name()
+                                              : "not a protocol-buffers message";
+            // Of what is not a message at all, nothing is shown.
+            if (declared == nullptr) message->Clear();
+        }
+        const protobuf::Reflection* reflection = message->GetReflection();
+        std::vector<const FieldDescriptor*> fields;
+        reflection->ListFields(*message, &fields);
+        for (const FieldDescriptor* field : fields) {
+            Json values = Json::array();
+            int count = field->is_repeated() ? reflection->FieldSize(*message, field) : 1;
+            for (int i = 0; i < count; ++i) values.push_back(Value(*message, field, i));
+            Add(&event, field->name(), values, field->is_repeated(),
+                declared->FindFieldByNumber(field->number())->enum_type());
+        }
+        AddUnknown(&event, reflection->GetUnknownFields(*message));
+        event.text = "{" + event.text + "}";
+        return event;
+    }
+
+  private:
+    void AddError(const std::string& filename, int line, int column,
+                  const std::string& message) override {
+        // The parser counts from 0 and reports -1 for errors about the whole file.
+        if (line < 0) {
+            LOG(ERROR) << filename << ": " << message;
+        } else {
+            LOG(ERROR) << filename << ":" << line + 1 << ":" << column + 1 << ": " << message;
+        }
+    }
+
+    protobuf::compiler::DiskSourceTree source_tree_;
+    std::unique_ptr<protobuf::compiler::Importer> importer_;
+    const protobuf::FileDescriptor* file_ = nullptr;
+    // The schema with every enumeration field turned into a plain int32: the parser then keeps
+    // an undeclared number in its field instead of moving it to the unknown fields.
+    protobuf::DescriptorPool plain_pool_;
+    protobuf::DynamicMessageFactory factory_;
+};
 
 struct Options {
     std::string socket_path = protocol::SessionSocketPath();
@@ -101,7 +294,7 @@ unique_fd Listen(const std::string& path, int type) {
     if (!RemoveStaleSocket(path, address)) return {};
     unique_fd fd(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
-        listen(fd, kListenBacklog) < 0) {
+        listen(fd, SOMAXCONN) < 0) {
         PLOG(ERROR) << "Cannot listen on " << path;
         return {};
     }
@@ -124,8 +317,8 @@ int32_t PeerPid(int fd) {
 
 class Simulator {
   public:
-    Simulator(Options options, std::unique_ptr<EventDecoder> decoder)
-        : options_(std::move(options)), decoder_(std::move(decoder)) {}
+    Simulator(Options options, EventDecoder* decoder)
+        : options_(std::move(options)), decoder_(decoder) {}
 
     // Removes the sockets it created.
     ~Simulator() {
@@ -169,8 +362,8 @@ class Simulator {
                 StringPrintf("listening on %s, control %s, state %s", options_.socket_path.c_str(),
                              options_.control_path.c_str(), active_ ? "active" : "inactive");
         if (!active_ && options_.active_after_seconds > 0) {
-            active_at_ = Clock::now() +
-                         std::chrono::microseconds(llround(options_.active_after_seconds * 1e6));
+            active_at_ = Clock::now() + std::chrono::microseconds(static_cast<int64_t>(
+                                                options_.active_after_seconds * 1e6));
             start_line += StringPrintf(", active after %g s", options_.active_after_seconds);
         }
         Report(start_line, "started",
@@ -195,7 +388,10 @@ class Simulator {
                 int fd = events[i].data.fd;
                 if (fd == signal_fd_.get()) {
                     signalfd_siginfo info;
-                    if (read(fd, &info, sizeof(info)) == sizeof(info)) return Stop(info.ssi_signo);
+                    if (read(fd, &info, sizeof(info)) != sizeof(info)) continue;
+                    Report(StringPrintf("stopping on %s", strsignal(info.ssi_signo)), "stopped",
+                           {{"signal", info.ssi_signo}});
+                    return true;
                 } else if (fd == session_listener_.get() || fd == control_listener_.get()) {
                     Accept(fd);
                 } else {
@@ -228,7 +424,7 @@ class Simulator {
     int TimerTimeout() const {
         if (!active_at_) return -1;
         auto left = std::chrono::ceil<std::chrono::milliseconds>(*active_at_ - Clock::now());
-        return static_cast<int>(std::max<int64_t>(left.count(), 0));
+        return std::max(static_cast<int>(left.count()), 0);
     }
 
     // One connection a wake-up: the listener stays readable while more are waiting.
@@ -349,19 +545,17 @@ class Simulator {
                        {"payload_hex", Hex(payload)},
                        {"fields", std::move(event.fields)}};
         if (!event.error.empty()) record["decode_error"] = event.error;
-        Log("event", record);
+        Report("", "event", record);
         return add_event_code_;
     }
 
     // One command line per connection: the hang-up after the reply tells the client it is whole.
     bool HandleCommand(Peer* peer, std::string_view data) {
-        peer->input.append(data);
-        size_t newline = peer->input.find('\n');
-        if (newline == std::string::npos && !data.empty()) {
-            return peer->input.size() <= kMaxCommandSize;
-        }
-        if (!peer->input.empty())
-            SendAll(peer->fd, RunCommand(peer->input.substr(0, newline)) + "\n");
+        std::string& input = peer->input;
+        input.append(data);
+        size_t newline = input.find('\n');
+        if (newline == std::string::npos && !data.empty()) return input.size() <= kMaxCommandSize;
+        if (!input.empty()) SendAll(peer->fd, RunCommand(input.substr(0, newline)) + "\n");
         return false;
     }
 
@@ -385,8 +579,11 @@ class Simulator {
             if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
-            SetAddEventCode(code);
-            return "add_event returns " + std::to_string(code);
+            std::string result = "add_event returns " + std::to_string(code);
+            if (std::exchange(add_event_code_, code) != code) {
+                Report(result, "add_event_rc", {{"rc", code}});
+            }
+            return result;
         }
         return "error: unknown command '" + android::base::Trim(line) +
                "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
@@ -411,27 +608,11 @@ class Simulator {
                {{"active", active}, {"cause", cause}});
     }
 
-    void SetAddEventCode(int32_t code) {
-        if (add_event_code_ == code) return;
-        add_event_code_ = code;
-        Report("add_event returns " + std::to_string(code), "add_event_rc", {{"rc", code}});
-    }
-
-    bool Stop(int signal_number) {
-        Report(StringPrintf("stopping on %s", strsignal(signal_number)), "stopped",
-               {{"signal", signal_number}});
-        return true;
-    }
-
-    // The simulator's own line on stdout, and its record in the log.
+    // The simulator's own line on stdout, if any, and a record of `kind` in the log: the kind, the
+    // wall-clock time in seconds and `fields`. Each record is one write of a whole line: with
+    // O_APPEND a reader tailing the log never sees half a line.
     void Report(const std::string& line, const char* kind, const Json& fields) {
-        printf("ubo_sim: %s\n", line.c_str());
-        Log(kind, fields);
-    }
-
-    // A record starts with its kind and the wall-clock time in seconds. Each is one write of a
-    // whole line: with O_APPEND a reader tailing the log never sees half a line.
-    void Log(const char* kind, const Json& fields) {
+        if (!line.empty()) printf("ubo_sim: %s\n", line.c_str());
         if (log_fd_ < 0) return;
         std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
         Json record = {{"kind", kind}, {"time", now.count()}};
@@ -442,7 +623,7 @@ class Simulator {
     }
 
     Options options_;
-    std::unique_ptr<EventDecoder> decoder_;
+    EventDecoder* decoder_;
     unique_fd log_fd_;
     unique_fd epoll_fd_;
     unique_fd session_listener_;
@@ -518,10 +699,10 @@ int Main(int argc, char** argv) {
     }
     // Each line out at once, for whoever tails it.
     (void)setvbuf(stdout, nullptr, _IOLBF, 0);
-    std::unique_ptr<EventDecoder> decoder = EventDecoder::Load(options.proto_path);
-    if (!decoder) return kExitFailure;
-    Simulator simulator(std::move(options), std::move(decoder));
-    return simulator.Start() && simulator.Run() ? 0 : kExitFailure;
+    EventDecoder decoder;
+    if (!decoder.Load(options.proto_path)) return EXIT_FAILURE;
+    Simulator simulator(std::move(options), &decoder);
+    return simulator.Start() && simulator.Run() ? 0 : EXIT_FAILURE;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -21,7 +22,6 @@ namespace {
 namespace protocol = vendor::vesk::tavi::ubo_protocol;
 using android::base::unique_fd;
 
-constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr time_t kReplyTimeoutSeconds = 5;
 
@@ -49,13 +49,10 @@ int main(int argc, char** argv) {
     std::string control_path = protocol::ControlSocketPath();
     int first = 1;
     for (; first + 1 < argc; first += 2) {
-        if (strcmp(argv[first], "--control") == 0) {
-            control_path = argv[first + 1];
-        } else if (strcmp(argv[first], "--socket") == 0) {
-            control_path = protocol::ControlSocketPathFor(argv[first + 1]);
-        } else {
-            break;
-        }
+        std::string flag = argv[first];
+        if (flag != "--control" && flag != "--socket") break;
+        control_path = flag == "--control" ? argv[first + 1]
+                                           : protocol::ControlSocketPathFor(argv[first + 1]);
     }
     if (first >= argc || argv[first][0] == '-') {
         fprintf(stderr,
@@ -74,15 +71,15 @@ int main(int argc, char** argv) {
     if (fd < 0) {
         fprintf(stderr, "ubo_simctl: cannot reach ubo_sim at %s: %s\n", control_path.c_str(),
                 strerror(errno));
-        return kExitFailure;
+        return EXIT_FAILURE;
     }
     std::string reply;
     if (!android::base::WriteStringToFd(command + "\n", fd) ||
         !android::base::ReadFdToString(fd, &reply) || reply.empty()) {
         fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s\n", control_path.c_str());
-        return kExitFailure;
+        return EXIT_FAILURE;
     }
     bool failed = android::base::StartsWith(reply, "error:");
     fputs(reply.c_str(), failed ? stderr : stdout);
-    return failed ? kExitFailure : 0;
+    return failed ? EXIT_FAILURE : 0;
 }
