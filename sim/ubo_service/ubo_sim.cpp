@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ubo_sim: the event-reporting service of the simulated device, as seen through libubo.so:
 // sessions, an active flag, a scripted add_event result and a log of every event, all on one
 // thread driven by epoll.
@@ -15,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iterator>
 #include <map>
@@ -404,7 +406,7 @@ class Simulator {
   private:
     struct Peer {
         bool is_session = false;
-        android::base::unique_fd fd;
+        unique_fd fd;
         // A control command still arriving.
         std::string input;
         // 0 until the hello, and again once the session is closed.
