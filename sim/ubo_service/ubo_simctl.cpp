@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -22,19 +23,8 @@ namespace {
 namespace protocol = vendor::vesk::tavi::ubo_protocol;
 using android::base::unique_fd;
 
-constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
-constexpr int kReplyTimeoutSeconds = 5;
-
-void PrintUsage() {
-    fprintf(stderr,
-            "usage: ubo_simctl [--control PATH | --socket PATH] COMMAND\n"
-            "  commands: active | inactive | fail CODE | ok | refuse | accept | status\n"
-            "  --control PATH  control socket (default: $%s, or %s beside the session socket)\n"
-            "  --socket PATH   session socket whose control socket to use (default: $%s or %s)\n",
-            protocol::kControlEnv, protocol::kControlSocketName, protocol::kSocketEnv,
-            protocol::kDefaultSocketPath);
-}
+constexpr time_t kReplyTimeoutSeconds = 5;
 
 unique_fd Connect(const std::string& path) {
     sockaddr_un address{};
@@ -43,12 +33,13 @@ unique_fd Connect(const std::string& path) {
         errno = ENAMETOOLONG;
         return {};
     }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    path.copy(address.sun_path, path.size());
     unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (fd < 0) return {};
     timeval timeout{kReplyTimeoutSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) return {};
+    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) < 0 ||
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) {
+        return {};
+    }
     return fd;
 }
 
@@ -58,37 +49,38 @@ int main(int argc, char** argv) {
     (void)signal(SIGPIPE, SIG_IGN);
     std::string control_path = protocol::ControlSocketPath();
     int first = 1;
-    while (first + 1 < argc && argv[first][0] == '-') {
+    for (; first + 1 < argc; first += 2) {
         std::string flag = argv[first];
-        if (flag == "--control") {
-            control_path = argv[first + 1];
-        } else if (flag == "--socket") {
-            control_path = protocol::ControlSocketPathFor(argv[first + 1]);
-        } else {
-            break;
-        }
-        first += 2;
+        if (flag != "--control" && flag != "--socket") break;
+        control_path = flag == "--control" ? argv[first + 1]
+                                           : protocol::ControlSocketPathFor(argv[first + 1]);
     }
     if (first >= argc || argv[first][0] == '-') {
-        PrintUsage();
+        fprintf(stderr,
+                "usage: ubo_simctl [--control PATH | --socket PATH] COMMAND\n"
+                "  commands: active | inactive | fail CODE | ok | refuse | accept | status\n"
+                "  --control PATH  control socket (default: $%s, or %s beside the session socket)\n"
+                "  --socket PATH   session socket whose control socket to use (default: $%s or "
+                "%s)\n",
+                protocol::kControlEnv, protocol::kControlSocketName, protocol::kSocketEnv,
+                protocol::kDefaultSocketPath);
         return kExitUsage;
     }
-    std::vector<std::string> words(argv + first, argv + argc);
-    std::string command = android::base::Join(words, ' ') + "\n";
-
+    std::string command =
+            android::base::Join(std::vector<std::string>(argv + first, argv + argc), ' ');
     unique_fd fd = Connect(control_path);
     if (fd < 0) {
         fprintf(stderr, "ubo_simctl: cannot reach ubo_sim at %s: %s\n", control_path.c_str(),
                 strerror(errno));
-        return kExitFailure;
+        return EXIT_FAILURE;
     }
     std::string reply;
-    if (!android::base::WriteStringToFd(command, fd) ||
+    if (!android::base::WriteStringToFd(command + "\n", fd) ||
         !android::base::ReadFdToString(fd, &reply) || reply.empty()) {
         fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s\n", control_path.c_str());
-        return kExitFailure;
+        return EXIT_FAILURE;
     }
     bool failed = android::base::StartsWith(reply, "error:");
     fputs(reply.c_str(), failed ? stderr : stdout);
-    return failed ? kExitFailure : 0;
+    return failed ? EXIT_FAILURE : 0;
 }

@@ -1,0 +1,715 @@
+// SPDX-License-Identifier: Apache-2.0
+// ubo_sim: the event-reporting service of the simulated device, as seen through libubo.so:
+// sessions, an active flag, a scripted add_event result and a log of every event, all on one
+// thread driven by epoll.
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/parsedouble.h>
+#include <android-base/parseint.h>
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <google/protobuf/compiler/importer.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/empty.pb.h>
+#include <google/protobuf/unknown_field_set.h>
+#include <nlohmann/json.hpp>
+
+#include "ubo_protocol.h"
+
+namespace vendor::vesk::tavi::sim {
+namespace {
+
+namespace protocol = ubo_protocol;
+using android::base::StringPrintf;
+using android::base::unique_fd;
+using Clock = std::chrono::steady_clock;
+namespace protobuf = google::protobuf;
+using protobuf::FieldDescriptor;
+using protobuf::UnknownField;
+
+// One command line per control connection; anything longer is not a command.
+constexpr size_t kMaxCommandSize = 1024;
+constexpr int kEventsPerWait = 16;
+constexpr int kExitUsage = 2;
+
+using Json = nlohmann::ordered_json;
+
+// A JSON value as text; bytes that are not UTF-8 are replaced rather than failing.
+std::string Dump(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// "080210ba17" for the JSON record; " %02X" gives " 08 02 10 BA 17" for the text line.
+std::string Hex(std::string_view bytes, const char* byte_format = "%02x") {
+    std::string hex;
+    for (unsigned char byte : bytes) hex += StringPrintf(byte_format, byte);
+    return hex;
+}
+
+struct DecodedEvent {
+    bool known_probe = false;
+    // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by number, then the others
+    // by their number.
+    Json fields = Json::object();
+    // {log_level: 2 (LOG_LEVEL_2), error_code: 3002 (CHARGER_DETECT_SOC_FREEZE), param1: -1}
+    std::string text;
+    // Empty when the whole payload parsed.
+    std::string error;
+};
+
+// Every enumeration field becomes an int32 with the same number and wire type.
+void PlainEnums(protobuf::DescriptorProto* message) {
+    for (protobuf::FieldDescriptorProto& field : *message->mutable_field()) {
+        if (field.type() != protobuf::FieldDescriptorProto::TYPE_ENUM) continue;
+        field.set_type(protobuf::FieldDescriptorProto::TYPE_INT32);
+        field.clear_type_name();
+        field.clear_default_value();
+    }
+    for (protobuf::DescriptorProto& nested : *message->mutable_nested_type()) PlainEnums(&nested);
+}
+
+// One value of a declared field; bytes (and nested messages) are shown as hex.
+Json Value(const protobuf::Message& message, const FieldDescriptor* field, int index) {
+    const protobuf::Reflection* reflection = message.GetReflection();
+#define TAVI_GET(Type)                                                           \
+    (field->is_repeated() ? reflection->GetRepeated##Type(message, field, index) \
+                          : reflection->Get##Type(message, field))
+    switch (field->cpp_type()) {
+        case FieldDescriptor::CPPTYPE_INT32:
+            return TAVI_GET(Int32);
+        case FieldDescriptor::CPPTYPE_INT64:
+            return TAVI_GET(Int64);
+        case FieldDescriptor::CPPTYPE_UINT32:
+            return TAVI_GET(UInt32);
+        case FieldDescriptor::CPPTYPE_UINT64:
+            return TAVI_GET(UInt64);
+        case FieldDescriptor::CPPTYPE_BOOL:
+            return TAVI_GET(Bool);
+        case FieldDescriptor::CPPTYPE_FLOAT:
+            return TAVI_GET(Float);
+        case FieldDescriptor::CPPTYPE_DOUBLE:
+            return TAVI_GET(Double);
+        case FieldDescriptor::CPPTYPE_STRING: {
+            std::string bytes = TAVI_GET(String);
+            return field->type() == FieldDescriptor::TYPE_STRING ? bytes : Hex(bytes);
+        }
+        default:
+            return Hex(TAVI_GET(Message).SerializeAsString());
+    }
+#undef TAVI_GET
+}
+
+// As it was on the wire: a varint as a signed 64-bit number, fixed ones unsigned.
+Json UnknownValue(const UnknownField& field) {
+    switch (field.type()) {
+        case UnknownField::TYPE_VARINT:
+            return static_cast<int64_t>(field.varint());
+        case UnknownField::TYPE_FIXED32:
+            return field.fixed32();
+        case UnknownField::TYPE_FIXED64:
+            return field.fixed64();
+        case UnknownField::TYPE_LENGTH_DELIMITED:
+            return Hex(field.length_delimited());
+        default:
+            return "group";
+    }
+}
+
+// Adds one field's values to both forms; a single value of a field not declared repeated is
+// shown bare.
+void Add(DecodedEvent* event, const std::string& name, const Json& values, bool repeated,
+         const protobuf::EnumDescriptor* enum_type) {
+    std::vector<std::string> texts;
+    for (const Json& value : values) {
+        std::string text = Dump(value);
+        const auto* named = enum_type ? enum_type->FindValueByNumber(value.get<int>()) : nullptr;
+        if (named != nullptr) text += " (" + named->name() + ")";
+        texts.push_back(std::move(text));
+    }
+    bool list = repeated || values.size() > 1;
+    event->fields[name] = list ? values : values[0];
+    if (!event->text.empty()) event->text += ", ";
+    event->text += name + ": ";
+    event->text += list ? "[" + android::base::Join(texts, ", ") + "]" : texts[0];
+}
+
+void AddUnknown(DecodedEvent* event, const protobuf::UnknownFieldSet& unknown) {
+    std::map<int, Json> by_number;
+    for (int i = 0; i < unknown.field_count(); ++i) {
+        by_number[unknown.field(i).number()].push_back(UnknownValue(unknown.field(i)));
+    }
+    for (const auto& [number, values] : by_number) {
+        Add(event, std::to_string(number), values, false, nullptr);
+    }
+}
+
+// Decodes event payloads field by field, guided by the event schema read at run time, and shows
+// values a schema-true parser would drop (undeclared enum numbers, unknown fields) as they were
+// sent.
+class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
+  public:
+    // Parses the schema file; false (after logging the parser's complaints) when it fails.
+    bool Load(const std::string& proto_path) {
+        source_tree_.MapPath("", android::base::Dirname(proto_path));
+        importer_ = std::make_unique<protobuf::compiler::Importer>(&source_tree_, this);
+        file_ = importer_->Import(android::base::Basename(proto_path));
+        if (file_ == nullptr) {
+            LOG(ERROR) << "Cannot load the event schema " << proto_path;
+            return false;
+        }
+        protobuf::FileDescriptorProto plain;
+        file_->CopyTo(&plain);
+        for (protobuf::DescriptorProto& message : *plain.mutable_message_type()) {
+            PlainEnums(&message);
+        }
+        if (plain_pool_.BuildFile(plain) != nullptr) return true;
+        LOG(ERROR) << "Cannot rebuild the event schema " << proto_path;
+        return false;
+    }
+
+    DecodedEvent Decode(std::string_view probe, std::string_view payload) {
+        DecodedEvent event;
+        const protobuf::Descriptor* declared = file_->FindMessageTypeByName(std::string(probe));
+        event.known_probe = declared != nullptr;
+        // Nothing declared: an empty message shows every field by its number.
+        const protobuf::Descriptor* type =
+                declared == nullptr ? protobuf::Empty::descriptor()
+                                    : plain_pool_.FindMessageTypeByName(declared->full_name());
+        std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
+        if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
+            event.error = declared != nullptr ? "does not parse as " + declared->name()
+                                              : "not a protocol-buffers message";
+            // Of what is not a message at all, nothing is shown.
+            if (declared == nullptr) message->Clear();
+        }
+        const protobuf::Reflection* reflection = message->GetReflection();
+        std::vector<const FieldDescriptor*> fields;
+        reflection->ListFields(*message, &fields);
+        for (const FieldDescriptor* field : fields) {
+            Json values = Json::array();
+            int count = field->is_repeated() ? reflection->FieldSize(*message, field) : 1;
+            for (int i = 0; i < count; ++i) values.push_back(Value(*message, field, i));
+            Add(&event, field->name(), values, field->is_repeated(),
+                declared->FindFieldByNumber(field->number())->enum_type());
+        }
+        AddUnknown(&event, reflection->GetUnknownFields(*message));
+        event.text = "{" + event.text + "}";
+        return event;
+    }
+
+  private:
+    void AddError(const std::string& filename, int line, int column,
+                  const std::string& message) override {
+        // The parser counts from 0 and reports -1 for errors about the whole file.
+        if (line < 0) {
+            LOG(ERROR) << filename << ": " << message;
+        } else {
+            LOG(ERROR) << filename << ":" << line + 1 << ":" << column + 1 << ": " << message;
+        }
+    }
+
+    protobuf::compiler::DiskSourceTree source_tree_;
+    std::unique_ptr<protobuf::compiler::Importer> importer_;
+    const protobuf::FileDescriptor* file_ = nullptr;
+    // The schema with every enumeration field turned into a plain int32: the parser then keeps
+    // an undeclared number in its field instead of moving it to the unknown fields.
+    protobuf::DescriptorPool plain_pool_;
+    protobuf::DynamicMessageFactory factory_;
+};
+
+struct Options {
+    std::string socket_path = protocol::SessionSocketPath();
+    std::string control_path;
+    // Empty: no event log (one JSON record a line).
+    std::string events_path;
+    std::string proto_path = UBO_SIM_DEFAULT_PROTO;
+    bool active = false;
+    // Becomes active this many seconds after start; negative: only on command.
+    double active_after_seconds = -1;
+    // What ubo_add_event returns: 0, or a negative failure code.
+    int32_t add_event_code = 0;
+};
+
+// A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
+bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) < 0) {
+        bool missing = errno == ENOENT;
+        if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
+        return missing;
+    }
+    unique_fd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!S_ISSOCK(status.st_mode)) {
+        LOG(ERROR) << path << " exists and is not a socket";
+    } else if (probe >= 0 &&
+               connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        LOG(ERROR) << "Another simulator is listening on " << path;
+    } else if (unlink(path.c_str()) < 0) {
+        PLOG(ERROR) << "unlink(" << path << ") failed";
+    } else {
+        return true;
+    }
+    return false;
+}
+
+unique_fd Listen(const std::string& path, int type) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+        LOG(ERROR) << "Unusable socket path \"" << path << "\"";
+        return {};
+    }
+    path.copy(address.sun_path, path.size());
+    std::string directory = android::base::Dirname(path);
+    if (mkdir(directory.c_str(), 0755) < 0 && errno != EEXIST) {
+        PLOG(ERROR) << "mkdir(" << directory << ") failed";
+        return {};
+    }
+    if (!RemoveStaleSocket(path, address)) return {};
+    unique_fd fd(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
+        listen(fd, SOMAXCONN) < 0) {
+        PLOG(ERROR) << "Cannot listen on " << path;
+        return {};
+    }
+    return fd;
+}
+
+// Replies are a few bytes and every client waits for each one, so a reply that does not fit
+// into the socket at once means a misbehaving peer.
+bool SendAll(int fd, std::string_view data) {
+    return TEMP_FAILURE_RETRY(send(fd, data.data(), data.size(), MSG_NOSIGNAL | MSG_DONTWAIT)) ==
+           static_cast<ssize_t>(data.size());
+}
+
+int32_t PeerPid(int fd) {
+    ucred credentials{};
+    socklen_t size = sizeof(credentials);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) < 0) return 0;
+    return credentials.pid;
+}
+
+class Simulator {
+  public:
+    Simulator(Options options, EventDecoder* decoder)
+        : options_(std::move(options)), decoder_(decoder) {}
+
+    // Removes the sockets it created.
+    ~Simulator() {
+        if (session_listener_ >= 0) unlink(options_.socket_path.c_str());
+        if (control_listener_ >= 0) unlink(options_.control_path.c_str());
+    }
+
+    // Opens the log, binds both sockets and arms the start-up timer; false after logging why.
+    bool Start() {
+        if (!options_.events_path.empty()) {
+            log_fd_.reset(open(options_.events_path.c_str(),
+                               O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+            if (log_fd_ < 0) {
+                PLOG(ERROR) << "open(" << options_.events_path << ") failed";
+                return false;
+            }
+        }
+        // Blocked before anything else so that a stop request during start-up waits in the queue.
+        sigset_t stop_signals;
+        sigemptyset(&stop_signals);
+        sigaddset(&stop_signals, SIGINT);
+        sigaddset(&stop_signals, SIGTERM);
+        sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+        (void)signal(SIGPIPE, SIG_IGN);  // a vanished client shows up as EPIPE instead
+        epoll_fd_.reset(epoll_create1(EPOLL_CLOEXEC));
+        signal_fd_.reset(signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC));
+        if (epoll_fd_ < 0 || signal_fd_ < 0) {
+            PLOG(ERROR) << "epoll_create1() or signalfd() failed";
+            return false;
+        }
+        session_listener_ = Listen(options_.socket_path, SOCK_SEQPACKET);
+        if (session_listener_ < 0) return false;
+        control_listener_ = Listen(options_.control_path, SOCK_STREAM);
+        if (control_listener_ < 0 || !Watch(signal_fd_) || !Watch(session_listener_) ||
+            !Watch(control_listener_)) {
+            return false;
+        }
+        active_ = options_.active || options_.active_after_seconds == 0;
+        add_event_code_ = options_.add_event_code;
+        std::string start_line =
+                StringPrintf("listening on %s, control %s, state %s", options_.socket_path.c_str(),
+                             options_.control_path.c_str(), active_ ? "active" : "inactive");
+        if (!active_ && options_.active_after_seconds > 0) {
+            active_at_ = Clock::now() + std::chrono::microseconds(static_cast<int64_t>(
+                                                options_.active_after_seconds * 1e6));
+            start_line += StringPrintf(", active after %g s", options_.active_after_seconds);
+        }
+        Report(start_line, "started",
+               {{"socket", options_.socket_path},
+                {"control", options_.control_path},
+                {"active", active_}});
+        return true;
+    }
+
+    // Serves until SIGINT or SIGTERM; false if waiting for events failed.
+    bool Run() {
+        epoll_event events[kEventsPerWait];
+        while (true) {
+            int count = epoll_wait(epoll_fd_, events, kEventsPerWait, TimerTimeout());
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) {
+                PLOG(ERROR) << "epoll_wait() failed";
+                return false;
+            }
+            if (active_at_ && Clock::now() >= *active_at_) SetActive(true, "timer");
+            for (int i = 0; i < count; ++i) {
+                int fd = events[i].data.fd;
+                if (fd == signal_fd_.get()) {
+                    signalfd_siginfo info;
+                    if (read(fd, &info, sizeof(info)) != sizeof(info)) continue;
+                    Report(StringPrintf("stopping on %s", strsignal(info.ssi_signo)), "stopped",
+                           {{"signal", info.ssi_signo}});
+                    return true;
+                } else if (fd == session_listener_.get() || fd == control_listener_.get()) {
+                    Accept(fd);
+                } else {
+                    ServePeer(fd);
+                }
+            }
+        }
+    }
+
+  private:
+    struct Peer {
+        bool is_session = false;
+        unique_fd fd;
+        // A control command still arriving.
+        std::string input;
+        // 0 until the hello, and again once the session is closed.
+        int32_t session_id = 0;
+    };
+
+    bool Watch(int fd) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) == 0) return true;
+        PLOG(ERROR) << "epoll_ctl() failed";
+        return false;
+    }
+
+    // Milliseconds until the start-up timer fires (-1: never), rounded up so it never fires early.
+    int TimerTimeout() const {
+        if (!active_at_) return -1;
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(*active_at_ - Clock::now());
+        return std::max(static_cast<int>(left.count()), 0);
+    }
+
+    // One connection a wake-up: the listener stays readable while more are waiting.
+    void Accept(int listener) {
+        unique_fd fd(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (fd < 0) {
+            if (errno != EAGAIN && errno != EINTR) PLOG(ERROR) << "accept4() failed";
+            return;
+        }
+        if (!Watch(fd)) return;
+        Peer& peer = peers_[fd.get()];
+        peer.is_session = listener == session_listener_.get();
+        peer.fd = std::move(fd);
+    }
+
+    // One packet or one read a wake-up, like the listeners.
+    void ServePeer(int fd) {
+        auto it = peers_.find(fd);
+        // Dropped earlier in the same batch of events.
+        if (it == peers_.end()) return;
+        // One more byte than any request may have, to tell an oversized one from a full one.
+        static char buffer[protocol::kMaxPacketSize + 1];
+        ssize_t n = TEMP_FAILURE_RETRY(recv(fd, buffer, sizeof(buffer), 0));
+        if (n < 0 && errno == EAGAIN) return;
+        Peer& peer = it->second;
+        std::string_view data(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+        // Requests are never empty: nothing read is the hang-up.
+        if (peer.is_session ? n > 0 && HandleRequest(&peer, data)
+                            : n >= 0 && HandleCommand(&peer, data)) {
+            return;
+        }
+        if (peer.session_id > 0) EndSession(peer, /*lost=*/true);
+        // Closing the descriptor also takes it out of the epoll set.
+        peers_.erase(it);
+    }
+
+    // False once the peer is to be dropped: closed or misbehaving.
+    bool HandleRequest(Peer* peer, std::string_view packet) {
+        protocol::Request request;
+        if (packet.size() > protocol::kMaxPacketSize ||
+            !request.ParseFromArray(packet.data(), static_cast<int>(packet.size()))) {
+            LOG(WARNING) << "Dropping a client that sent a malformed request of " << packet.size()
+                         << " bytes";
+            return false;
+        }
+        if ((peer->session_id == 0) != request.has_hello()) {
+            LOG(WARNING) << "Dropping a client that sent request " << request.kind_case()
+                         << (peer->session_id == 0 ? " before" : " after") << " its hello";
+            return false;
+        }
+        protocol::Reply reply;
+        switch (request.kind_case()) {
+            case protocol::Request::kHello:
+                reply.set_value(OpenSession(peer, request.hello()));
+                break;
+            case protocol::Request::kIsActive:
+                reply.set_value(active_ ? 1 : 0);
+                break;
+            case protocol::Request::kAddEvent:
+                reply.set_value(AddEvent(*peer, request.add_event()));
+                break;
+            case protocol::Request::kClose:
+                EndSession(*peer, /*lost=*/false);
+                peer->session_id = 0;
+                reply.set_value(0);
+                break;
+            case protocol::Request::KIND_NOT_SET:
+                LOG(WARNING) << "Dropping a client that sent an empty request";
+                return false;
+        }
+        return SendAll(peer->fd, reply.SerializeAsString()) && peer->session_id > 0;
+    }
+
+    int32_t OpenSession(Peer* peer, const protocol::Hello& hello) {
+        if (hello.version() != protocol::kVersion) {
+            LOG(WARNING) << "Refusing a client of protocol version " << hello.version();
+            return -EPROTONOSUPPORT;
+        }
+        int32_t pid = PeerPid(peer->fd);
+        if (refuse_sessions_) {
+            ++sessions_refused_;
+            Report(StringPrintf("session refused (pid %d)", pid), "session_refused",
+                   {{"pid", pid}});
+            return -ECONNREFUSED;
+        }
+        peer->session_id = ++last_session_id_;
+        Report(StringPrintf("session %d created (pid %d)", peer->session_id, pid),
+               "session_created", {{"session", peer->session_id}, {"pid", pid}});
+        return peer->session_id;
+    }
+
+    // A session ends with a close request, or is lost when its client hangs up without one.
+    void EndSession(const Peer& peer, bool lost) {
+        ++(lost ? sessions_lost_ : sessions_closed_);
+        Report(StringPrintf("session %d %s", peer.session_id,
+                            lost ? "lost (closed without ubo_destroy)" : "destroyed"),
+               lost ? "session_lost" : "session_destroyed", {{"session", peer.session_id}});
+    }
+
+    int32_t AddEvent(const Peer& peer, const protocol::AddEvent& request) {
+        const std::string& payload = request.payload();
+        DecodedEvent event = decoder_->Decode(request.probe(), payload);
+        std::string notes = event.known_probe ? "" : " [unknown probe]";
+        if (!event.error.empty()) notes += " [malformed: " + event.error + "]";
+        if (!active_) notes += " [service inactive]";
+        std::string bytes = payload.empty() ? "(empty)" : Hex(payload, " %02X").substr(1);
+        printf("event #%" PRId64 " session %d source=%s probe=%s rc=%d %s%s bytes=%s\n", ++events_,
+               peer.session_id, request.source().c_str(), request.probe().c_str(), add_event_code_,
+               event.text.c_str(), notes.c_str(), bytes.c_str());
+        Json record = {{"seq", events_},
+                       {"session", peer.session_id},
+                       {"source", request.source()},
+                       {"probe", request.probe()},
+                       {"known_probe", event.known_probe},
+                       {"active", active_},
+                       {"rc", add_event_code_},
+                       {"size", payload.size()},
+                       {"payload_hex", Hex(payload)},
+                       {"fields", std::move(event.fields)}};
+        if (!event.error.empty()) record["decode_error"] = event.error;
+        Report("", "event", record);
+        return add_event_code_;
+    }
+
+    // One command line per connection: the hang-up after the reply tells the client it is whole.
+    bool HandleCommand(Peer* peer, std::string_view data) {
+        std::string& input = peer->input;
+        input.append(data);
+        size_t newline = input.find('\n');
+        if (newline == std::string::npos && !data.empty()) return input.size() <= kMaxCommandSize;
+        if (!input.empty()) SendAll(peer->fd, RunCommand(input.substr(0, newline)) + "\n");
+        return false;
+    }
+
+    std::string RunCommand(const std::string& line) {
+        std::istringstream stream(line);
+        std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+        std::string command = android::base::Join(words, ' ');
+        if (command == "active" || command == "inactive") {
+            SetActive(command == "active", "control");
+            return "service " + command;
+        }
+        if (command == "refuse" || command == "accept") {
+            refuse_sessions_ = command == "refuse";
+            std::string state = refuse_sessions_ ? "new sessions refused" : "new sessions accepted";
+            printf("ubo_sim: %s\n", state.c_str());
+            return state;
+        }
+        if (command == "status") return Status();
+        int32_t code = 0;
+        if (command == "ok" || (words.size() == 2 && words[0] == "fail")) {
+            if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
+                return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
+            }
+            std::string result = "add_event returns " + std::to_string(code);
+            if (std::exchange(add_event_code_, code) != code) {
+                Report(result, "add_event_rc", {{"rc", code}});
+            }
+            return result;
+        }
+        return "error: unknown command '" + android::base::Trim(line) +
+               "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
+    }
+
+    std::string Status() const {
+        return StringPrintf("state %s\nadd_event_rc %d\nnew_sessions %s\nsessions_open %" PRId64
+                            "\nsessions_closed %" PRId64 "\nsessions_lost %" PRId64
+                            "\nsessions_refused %" PRId64 "\nevents %" PRId64,
+                            active_ ? "active" : "inactive", add_event_code_,
+                            refuse_sessions_ ? "refused" : "accepted",
+                            last_session_id_ - sessions_closed_ - sessions_lost_, sessions_closed_,
+                            sessions_lost_, sessions_refused_, events_);
+    }
+
+    void SetActive(bool active, const char* cause) {
+        // A command overrides the start-up timer.
+        active_at_.reset();
+        if (active_ == active) return;
+        active_ = active;
+        Report(active ? "service active" : "service inactive", "state",
+               {{"active", active}, {"cause", cause}});
+    }
+
+    // The simulator's own line on stdout, if any, and a record of `kind` in the log: the kind, the
+    // wall-clock time in seconds and `fields`. Each record is one write of a whole line: with
+    // O_APPEND a reader tailing the log never sees half a line.
+    void Report(const std::string& line, const char* kind, const Json& fields) {
+        if (!line.empty()) printf("ubo_sim: %s\n", line.c_str());
+        if (log_fd_ < 0) return;
+        std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+        Json record = {{"kind", kind}, {"time", now.count()}};
+        record.update(fields);
+        if (!android::base::WriteStringToFd(Dump(record) + "\n", log_fd_)) {
+            PLOG(ERROR) << "writing the event log failed";
+        }
+    }
+
+    Options options_;
+    EventDecoder* decoder_;
+    unique_fd log_fd_;
+    unique_fd epoll_fd_;
+    unique_fd session_listener_;
+    unique_fd control_listener_;
+    unique_fd signal_fd_;
+    std::map<int, Peer> peers_;
+    // When the start-up timer makes the service active.
+    std::optional<Clock::time_point> active_at_;
+    bool active_ = false;
+    bool refuse_sessions_ = false;
+    int32_t add_event_code_ = 0;
+    int32_t last_session_id_ = 0;
+    int64_t sessions_closed_ = 0;
+    int64_t sessions_lost_ = 0;
+    int64_t sessions_refused_ = 0;
+    int64_t events_ = 0;
+};
+
+void PrintUsage(FILE* out) {
+    fprintf(out,
+            "usage: ubo_sim [--socket PATH] [--control PATH] [--events PATH] [--proto PATH]\n"
+            "               [--active | --active-after SECONDS] [--fail CODE]\n"
+            "  --socket PATH          session socket (default: $%s or %s)\n"
+            "  --control PATH         control socket (default: $%s or %s beside the socket)\n"
+            "  --events PATH          append one JSON record per line to PATH\n"
+            "  --proto PATH           event schema (default: %s)\n"
+            "  --active               start active (default: inactive)\n"
+            "  --active-after SECONDS become active after SECONDS (fractions allowed)\n"
+            "  --fail CODE            ubo_add_event returns the negative CODE from the start\n",
+            protocol::kSocketEnv, protocol::kDefaultSocketPath, protocol::kControlEnv,
+            protocol::kControlSocketName, UBO_SIM_DEFAULT_PROTO);
+}
+
+bool ParseCommandLine(int argc, char** argv, Options* options) {
+    if (const char* control = getenv(protocol::kControlEnv)) options->control_path = control;
+    const std::map<std::string, std::string*> paths = {{"--socket", &options->socket_path},
+                                                       {"--control", &options->control_path},
+                                                       {"--events", &options->events_path},
+                                                       {"--proto", &options->proto_path}};
+    for (int i = 1; i < argc; ++i) {
+        std::string flag = argv[i];
+        if (flag == "--active") {
+            options->active = true;
+            continue;
+        }
+        if (i + 1 >= argc) return false;
+        const char* value = argv[++i];
+        if (auto path = paths.find(flag); path != paths.end()) {
+            *path->second = value;
+        } else if (!(flag == "--active-after" &&
+                     android::base::ParseDouble(value, &options->active_after_seconds, 0.0, 1e6)) &&
+                   !(flag == "--fail" &&
+                     android::base::ParseInt(value, &options->add_event_code, INT32_MIN, -1))) {
+            return false;
+        }
+    }
+    if (options->control_path.empty()) {
+        options->control_path = protocol::ControlSocketPathFor(options->socket_path);
+    }
+    return true;
+}
+
+int Main(int argc, char** argv) {
+    android::base::InitLogging(argv, android::base::StderrLogger);
+    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        PrintUsage(stdout);
+        return 0;
+    }
+    Options options;
+    if (!ParseCommandLine(argc, argv, &options)) {
+        PrintUsage(stderr);
+        return kExitUsage;
+    }
+    // Each line out at once, for whoever tails it.
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0);
+    EventDecoder decoder;
+    if (!decoder.Load(options.proto_path)) return EXIT_FAILURE;
+    Simulator simulator(std::move(options), &decoder);
+    return simulator.Start() && simulator.Run() ? 0 : EXIT_FAILURE;
+}
+
+}  // namespace
+}  // namespace vendor::vesk::tavi::sim
+
+int main(int argc, char** argv) {
+    return vendor::vesk::tavi::sim::Main(argc, argv);
+}
