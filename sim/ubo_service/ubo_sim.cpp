@@ -259,14 +259,15 @@ struct Options {
 };
 
 // A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
-bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
+bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address, int type) {
     struct stat status;
     if (lstat(path.c_str(), &status) < 0) {
         bool missing = errno == ENOENT;
         if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
         return missing;
     }
-    unique_fd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // Probed with its own type: a stream probe never connects to a live datagram-style socket.
+    unique_fd probe(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
     if (!S_ISSOCK(status.st_mode)) {
         LOG(ERROR) << path << " exists and is not a socket";
     } else if (probe >= 0 &&
@@ -293,7 +294,7 @@ unique_fd Listen(const std::string& path, int type) {
         PLOG(ERROR) << "mkdir(" << directory << ") failed";
         return {};
     }
-    if (!RemoveStaleSocket(path, address)) return {};
+    if (!RemoveStaleSocket(path, address, type)) return {};
     unique_fd fd(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
         listen(fd, SOMAXCONN) < 0) {
