@@ -16,27 +16,24 @@
 #include <nlohmann/json.hpp>
 
 namespace vendor::vesk::tavi::sim {
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(OwnerReply, status, out, err, owner_ends)
+
 namespace {
 
 using android::base::unique_fd;
-
 using Json = nlohmann::json;
 
 const std::string kWordSeparator(1, '\0');
 
 std::string Encode(const OwnerReply& reply) {
-    const Json json = {{"status", reply.status},
-                       {"out", reply.out},
-                       {"err", reply.err},
-                       {"owner_ends", reply.owner_ends}};
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return Json(reply).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::optional<OwnerReply> Decode(const std::string& bytes) {
     const Json json = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
     if (!json.is_object()) return std::nullopt;
-    return OwnerReply{json.value("status", 1), json.value("out", ""), json.value("err", ""),
-                      json.value("owner_ends", false)};
+    return json.get<OwnerReply>();
 }
 
 unique_fd UnixSocket(const std::string& path, sockaddr_un* address) {
@@ -118,9 +115,8 @@ OwnerReply StartOwner(const std::string& socket_path, const std::string& log_pat
     if (child > 0) waitpid(child, nullptr, 0);
     std::string bytes;
     android::base::ReadFdToString(read_end, &bytes);
-    std::optional<OwnerReply> reply = Decode(bytes);
-    if (!reply) return {1, "", "the device's owner ended during start-up; see " + log_path + "\n"};
-    return *reply;
+    return Decode(bytes).value_or(
+            OwnerReply{1, "", "the device's owner ended during start-up; see " + log_path + "\n"});
 }
 
 std::optional<OwnerReply> AskOwner(const std::string& socket_path,

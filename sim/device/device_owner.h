@@ -14,8 +14,8 @@ namespace vendor::vesk::tavi::sim {
 // What one request produced: its exit status and what it printed on each stream.
 struct OwnerReply {
     int status = 0;
-    std::string out;
-    std::string err;
+    std::string out{};
+    std::string err{};
     // The owner stops serving once this reply is sent.
     bool owner_ends = false;
 };

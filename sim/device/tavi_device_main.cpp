@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // tavi-device: the simulated device by hand. `up` leaves the device with an owner process;
 // later invocations hand their command to it over the socket in the state folder.
-#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
 #include <android-base/file.h>
@@ -19,22 +18,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Absolute, since the owner outlives the caller's working folder.
-std::string StateDir() {
-    const char* dir = getenv("TAVI_DEVICE_STATE");
-    std::string path = dir != nullptr && *dir != '\0' ? dir : "/var/lib/tavi-device";
-    char cwd[PATH_MAX];
-    if (path[0] != '/' && getcwd(cwd, sizeof(cwd)) != nullptr) path = std::string(cwd) + "/" + path;
-    return path;
-}
-
-Binaries BuildBinaries() {
-    const char* dir = getenv("TAVI_BUILD_DIR");
-    return Binaries::InBuildDir(dir != nullptr && *dir != '\0' ? dir : TAVI_DEFAULT_BUILD_DIR);
-}
-
-std::string OwnerSocket(const std::string& state_dir) {
-    return state_dir + "/owner.sock";
+std::string FromEnvironment(const char* name, const char* fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : fallback;
 }
 
 int Print(const OwnerReply& reply) {
@@ -44,37 +30,26 @@ int Print(const OwnerReply& reply) {
 }
 
 int Fail(const std::string& message) {
-    fprintf(stderr, "tavi-device: %s\n", message.c_str());
-    return kExitFailure;
+    return Print({kExitFailure, "", "tavi-device: " + message + "\n"});
 }
 
-int Up(const std::vector<std::string>& words, const std::string& state_dir) {
-    if (AskOwner(OwnerSocket(state_dir), {"status"})) {
+int Up(const std::vector<std::string>& words, const std::string& state_dir,
+       const Binaries& binaries) {
+    const std::string socket = state_dir + "/owner.sock";
+    if (AskOwner(socket, {"status"})) {
         return Fail("already up in " + state_dir + "; run 'tavi-device down' first");
     }
-    const Binaries binaries = BuildBinaries();
     if (std::string reason = SimulatedDevice::Availability(binaries); !reason.empty()) {
         return Fail(reason);
     }
     mkdir(state_dir.c_str(), 0755);
-    return Print(StartOwner(
-            OwnerSocket(state_dir), state_dir + "/owner.log", [&](const OwnerServe& serve) {
-                SimulatedDevice device(state_dir, binaries);
-                DeviceCommands commands(device);
-                serve(commands.Up(words),
-                      [&](const std::vector<std::string>& w) { return commands.Run(w); });
-            }));
-}
-
-int AskDevice(const std::vector<std::string>& words, const std::string& state_dir) {
-    if (std::optional<OwnerReply> reply = AskOwner(OwnerSocket(state_dir), words)) {
-        return Print(*reply);
-    }
-    if (words[0] == "down" || words[0] == "status") {
-        printf("nothing is up in %s\n", state_dir.c_str());
-        return 0;
-    }
-    return Fail("the device is not up in " + state_dir + "; run 'tavi-device up' first");
+    return Print(StartOwner(socket, state_dir + "/owner.log", [&](const OwnerServe& serve) {
+        SimulatedDevice device(state_dir, binaries);
+        auto run = [&](const std::vector<std::string>& request) {
+            return RunCommand(device, request);
+        };
+        serve(run(words), run);
+    }));
 }
 
 // `logs -f`: the daemon's log as it grows, until interrupted.
@@ -91,24 +66,31 @@ int FollowLog(const std::string& state_dir) {
 }
 
 int Main(const std::vector<std::string>& words) {
-    if (words.empty()) {
-        fputs(Usage().c_str(), stderr);
-        return kExitUsage;
-    }
-    if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") {
-        fputs(Usage().c_str(), stdout);
-        return 0;
-    }
+    if (words.empty()) return Print({kExitUsage, "", Usage()});
+    if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") return Print({0, Usage()});
     if (std::string error = CheckCommand(words); !error.empty()) {
-        fprintf(stderr, "tavi-device: %s\ntavi-device: 'tavi-device help' lists the commands\n",
-                error.c_str());
-        return kExitUsage;
+        return Print({kExitUsage, "",
+                      "tavi-device: " + error +
+                              "\ntavi-device: 'tavi-device help' lists the commands\n"});
     }
-    const std::string state_dir = StateDir();
-    if (NeedsDevice(words[0])) return AskDevice(words, state_dir);
-    if (words[0] == "up") return Up(words, state_dir);
-    if (words[0] == "demo") return RunDemo(state_dir, BuildBinaries());
-    if (words.size() == 2 && words[1] == "-f") return FollowLog(state_dir);
+    // Absolute, since the owner outlives the caller's working folder.
+    std::error_code error;
+    const std::string state_dir = std::filesystem::absolute(
+            FromEnvironment("TAVI_DEVICE_STATE", "/var/lib/tavi-device"), error);
+    const Binaries binaries =
+            Binaries::InBuildDir(FromEnvironment("TAVI_BUILD_DIR", TAVI_DEFAULT_BUILD_DIR));
+    if (NeedsDevice(words[0])) {
+        if (std::optional<OwnerReply> reply = AskOwner(state_dir + "/owner.sock", words)) {
+            return Print(*reply);
+        }
+        if (words[0] == "down" || words[0] == "status") {
+            return Print({0, "nothing is up in " + state_dir + "\n"});
+        }
+        return Fail("the device is not up in " + state_dir + "; run 'tavi-device up' first");
+    }
+    if (words[0] == "up") return Up(words, state_dir, binaries);
+    if (words[0] == "demo") return RunDemo(state_dir, binaries);
+    if (words.size() == 2) return FollowLog(state_dir);  // logs -f
     return Print(ShowState(words, state_dir));
 }
 
