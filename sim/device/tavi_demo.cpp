@@ -16,6 +16,7 @@ namespace vendor::vesk::tavi::sim {
 namespace {
 
 using namespace std::chrono_literals;
+using Args = std::vector<std::string>;
 using Json = nlohmann::json;
 
 constexpr milliseconds kTimeout = 10s;
@@ -51,108 +52,90 @@ constexpr const char* kDisplayAfterErrors =
         "Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: 2000, Param1: 0, Param2: 0, "
         "Param3: 0, Param4: 0, Message: }";
 
-// One step of the story: what is said, the command, and what must follow it.
+// One step of the story: a headline or a note, or a command and what must follow it.
 struct Step {
-    std::string headline{};  // opens a chapter
+    std::string headline{};
     std::string note{};
-    std::vector<std::string> command{};
+    std::string command{};  // tavi-device's words, one space apart
     int status = 0;
-    std::vector<std::string> lines{};    // the daemon must log each
-    Json record{};                       // members of a record the service must write
-    std::vector<std::string> output{};   // the command's output must hold each
-    std::vector<std::string> flushed{};  // the daemon's lines of the cache flush, exactly
+    Args lines{};    // the daemon must log each
+    Json record{};   // members of a record the service must write
+    Args output{};   // the command's output must hold each
+    Args flushed{};  // the daemon's lines of the cache flush, exactly
 };
+
+Step Say(const std::string& headline, const std::string& note = "") {
+    return {headline, note};
+}
+
+Step Do(const std::string& command, int status = 0, Args lines = {}, Json record = nullptr,
+        Args output = {}, Args flushed = {}) {
+    return {"",
+            "",
+            command,
+            status,
+            std::move(lines),
+            std::move(record),
+            std::move(output),
+            std::move(flushed)};
+}
 
 const std::vector<Step>& Story() {
     static const std::vector<Step> kStory = {
-            {"1. The event service is down: records are kept in the daemon's memory",
-             "The service starts inactive. The daemon's readiness task retries every second; "
-             "meanwhile every record it accepts is stored in its cache.",
-             {"up"}},
-            {"",
-             "",
-             {"inject", "4,1,3001,1,0,0,0", "3,0,2000,1,0,0,0", "2,2,1000,-1,-7,42,0"},
-             0,
-             {kCached + kChargerReset, kCached + kDisplayShort, kCached + kBadSector}},
-            {"2. SIGTERM: the daemon saves its cache, then waits for the service",
-             "",
-             {"stop-daemon", "TERM"},
-             0,
-             {"Saved the cache to " + kCachePath, "tavi_daemon ended"}},
-            {"",
-             "The cache file is in the persist folder, which the daemon sees as " + kCachePath +
-                     ":",
-             {"cache"},
-             0,
-             {},
-             nullptr,
-             {"mode 0600", "3 entries, 0 bad"}},
-            {"",
-             "Its poll loop is over, but the daemon does not exit before its readiness task has "
-             "seen the service active. After SIGTERM it leaves its session open.",
-             {"service", "active"},
-             0,
-             {"Skip closing UBO session"},
-             {{"kind", "session_lost"}, {"session", 1}}},
-            {"", "", {"service", "inactive"}},
-            {"3. The daemon restarts; the service comes up; the cache is replayed",
-             "A new record arrives while the service is still down and is cached in memory. When "
-             "the service is active, the daemon loads the file and replays this run's record "
-             "first, then the saved ones.",
-             {"start-daemon"}},
-            {"", "", {"inject", "4,0,3000,0,5,0,0"}, 0, {kCached + kInvalidBattery}},
-            {"",
-             "",
-             {"service", "active"},
-             0,
-             {"Loaded the cache from " + kCachePath, "Cache flush ended"},
-             nullptr,
-             {},
-             {kSent + kInvalidBattery, kSent + kChargerReset, kSent + kDisplayShort,
-              kSent + kBadSector}},
-            {"",
-             "",
-             {"cache"},
-             0,
-             {},
-             {{"kind", "event"},
-              {"probe", "TaviLinuxOsBadSector"},
-              {"payload_hex", "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"}},
-             {"no cache file"}},
-            {"4. Live records are delivered at once",
-             "",
-             {"inject", "4,2,3002,-1,0,300,1"},
-             0,
-             {kSent + kSocFreeze},
-             {{"kind", "event"},
-              {"probe", "TaviChargerDetectSocFreeze"},
-              {"payload_hex", "080210ba1718ffffffffffffffffff01200028ac023001"}}},
-            {"5. Records without an event: a camera record and an unknown charger code",
-             "",
-             {"inject", "1,1,5,0,0,0,0", "4,1,3099,0,0,0,0"},
-             kExitFailure,
-             {kUnpacked + kCamera, kUnpacked + kUnknownCharger}},
-            {"6. Malformed lines are rejected; the daemon keeps serving",
-             "",
-             {"inject", "--raw", "4,1,3001\\n", "4,1,3001,1,0,0,0\\r\\n"},
-             kExitFailure},
-            {"",
-             "",
-             {"inject", "3,1,2000,0,0,0,0"},
-             0,
-             {kUnparsed + "4,1,3001", kUnparsed + "4,1,3001,1,0,0,0\r",
-              kSent + kDisplayAfterErrors},
-             {{"kind", "event"},
-              {"seq", 6},
-              {"probe", "TaviDisplayShort"},
-              {"payload_hex", "080110d00f1800"}}},
-            {"7. SIGINT: the daemon closes its session",
-             "",
-             {"stop-daemon", "INT"},
-             0,
-             {"Closed UBO session"},
-             {{"kind", "session_destroyed"}, {"session", 2}}},
-            {"Taking the simulated device down", "", {"down"}},
+            Say("1. The event service is down: records are kept in the daemon's memory",
+                "The service starts inactive. The daemon's readiness task retries every second; "
+                "meanwhile every record it accepts is stored in its cache."),
+            Do("up"),
+            Do("inject 4,1,3001,1,0,0,0 3,0,2000,1,0,0,0 2,2,1000,-1,-7,42,0", 0,
+               {kCached + kChargerReset, kCached + kDisplayShort, kCached + kBadSector}),
+            Say("2. SIGTERM: the daemon saves its cache, then waits for the service"),
+            Do("stop-daemon TERM", 0, {"Saved the cache to " + kCachePath, "tavi_daemon ended"}),
+            Say("", "The cache file is in the persist folder, which the daemon sees as " +
+                            kCachePath + ":"),
+            Do("cache", 0, {}, nullptr, {"mode 0600", "3 entries, 0 bad"}),
+            Say("",
+                "Its poll loop is over, but the daemon does not exit before its readiness "
+                "task has seen the service active. After SIGTERM it leaves its session open."),
+            Do("service active", 0, {"Skip closing UBO session"},
+               {{"kind", "session_lost"}, {"session", 1}}),
+            Do("service inactive"),
+            Say("3. The daemon restarts; the service comes up; the cache is replayed",
+                "A new record arrives while the service is still down and is cached in memory. "
+                "When the service is active, the daemon loads the file and replays this run's "
+                "record first, then the saved ones."),
+            Do("start-daemon"),
+            Do("inject 4,0,3000,0,5,0,0", 0, {kCached + kInvalidBattery}),
+            Do("service active", 0, {"Loaded the cache from " + kCachePath, "Cache flush ended"},
+               nullptr, {},
+               {kSent + kInvalidBattery, kSent + kChargerReset, kSent + kDisplayShort,
+                kSent + kBadSector}),
+            Do("cache", 0, {},
+               {{"kind", "event"},
+                {"probe", "TaviLinuxOsBadSector"},
+                {"payload_hex", "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"}},
+               {"no cache file"}),
+            Say("4. Live records are delivered at once"),
+            Do("inject 4,2,3002,-1,0,300,1", 0, {kSent + kSocFreeze},
+               {{"kind", "event"},
+                {"probe", "TaviChargerDetectSocFreeze"},
+                {"payload_hex", "080210ba1718ffffffffffffffffff01200028ac023001"}}),
+            Say("5. Records without an event: a camera record and an unknown charger code"),
+            Do("inject 1,1,5,0,0,0,0 4,1,3099,0,0,0,0", kExitFailure,
+               {kUnpacked + kCamera, kUnpacked + kUnknownCharger}),
+            Say("6. Malformed lines are rejected; the daemon keeps serving"),
+            Do("inject --raw 4,1,3001\\n 4,1,3001,1,0,0,0\\r\\n", kExitFailure),
+            Do("inject 3,1,2000,0,0,0,0", 0,
+               {kUnparsed + "4,1,3001", kUnparsed + "4,1,3001,1,0,0,0\r",
+                kSent + kDisplayAfterErrors},
+               {{"kind", "event"},
+                {"seq", 6},
+                {"probe", "TaviDisplayShort"},
+                {"payload_hex", "080110d00f1800"}}),
+            Say("7. SIGINT: the daemon closes its session"),
+            Do("stop-daemon INT", 0, {"Closed UBO session"},
+               {{"kind", "session_destroyed"}, {"session", 2}}),
+            Say("Taking the simulated device down"),
+            Do("down"),
     };
     return kStory;
 }
@@ -182,10 +165,12 @@ class Demo {
         if (!step.headline.empty())
             printf("\n%s== %s ==%s\n", bold_, step.headline.c_str(), plain_);
         if (!step.note.empty()) printf("   %s\n", step.note.c_str());
+        if (step.command.empty()) return true;
         Show();
-        const std::string command = "tavi-device " + ShellQuote(step.command);
+        const Args words = android::base::Split(step.command, " ");
+        const std::string command = "tavi-device " + ShellQuote(words);
         printf("%s$ %s%s\n", bold_, command.c_str(), plain_);
-        const OwnerReply reply = RunCommand(device_, step.command);
+        const OwnerReply reply = RunCommand(device_, words);
         const std::string output = reply.out + reply.err;
         for (const std::string& line : android::base::Split(output, "\n")) {
             if (!line.empty()) printf("  %s\n", line.c_str());

@@ -64,13 +64,14 @@ const std::map<std::string, Args> kCommands = {{"up", {"--active"}},
                                                {"demo", {}},
                                                {"help", {}}};
 const Args kServiceCommands = {"active", "inactive", "ok", "refuse", "accept", "status", "fail"};
-
 // The daemon's lines that tell what became of one record.
 constexpr const char* kSentPrefix = "Send the message to UBO: ";
 constexpr const char* kCachedPrefix = "Store the message in the cache: ";
 constexpr const char* kOutcomePrefixes[] = {
         kSentPrefix, kCachedPrefix,
         "Failed to pack the massage: ", "Failed to parse the string for MessageType "};
+constexpr const char* kUnquoted =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
 constexpr const char* kRetryPrefix = "UBO is not yet active or available";
 constexpr milliseconds kOutcomeTimeout = 3s;
 constexpr int kDefaultStopSeconds = 30;
@@ -131,8 +132,8 @@ bool ServiceActive(SimulatedDevice& device) {
     return device.ServiceControl({"status"}, &answer) && StartsWith(answer, "state active");
 }
 
-// One record's outcome from the daemon's lines after `first_line`; false when it failed.
-bool ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t first_line,
+// One record's outcome from the daemon's lines after `first_line`.
+void ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t first_line,
                    size_t events_before, OwnerReply* reply) {
     LogReader& log = device.Log();
     int found = -1;
@@ -148,7 +149,7 @@ bool ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t fir
         Fail(*reply, status ? "the daemon ended on '" + shown + "': " + DescribeWaitStatus(*status)
                             : "no outcome logged for '" + shown +
                                       "' within 3 s (a category that no handler takes?)");
-        return false;
+        return;
     }
     const std::string line = log.Lines()[found].text;
     if (StartsWith(line, kCachedPrefix)) {
@@ -161,12 +162,11 @@ bool ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t fir
                     });
                 },
                 100ms);
-        Say(reply, shown + ": " + (full ? "refused at the cache limit" : "kept in the cache"));
-        return true;
+        return Say(reply,
+                   shown + ": " + (full ? "refused at the cache limit" : "kept in the cache"));
     }
     if (!StartsWith(line, kSentPrefix)) {
-        Fail(*reply, "the daemon rejected '" + shown + "': " + Visible(line));
-        return false;
+        return void(Fail(*reply, "the daemon rejected '" + shown + "': " + Visible(line)));
     }
     // Events come in the order of the daemon's sends; a refused one too.
     const size_t index = events_before + flushed_sends;
@@ -180,7 +180,6 @@ bool ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t fir
         Say(reply, shown + ": delivered as event #" + events[index]["seq"].dump() + " " +
                            events[index].value("probe", ""));
     }
-    return true;
 }
 
 // Waits up to `timeout` for the daemon to end, unless it waits for an inactive service.
@@ -253,8 +252,8 @@ OwnerReply Inject(SimulatedDevice& device, const Args& args) {
         const size_t first_line = device.Log().Lines().size();
         if (!device.Inject(RecordBytes(*record, raw))) {
             Fail(reply, "could not write '" + *record + "' to the attribute");
-        } else if (daemon_runs &&
-                   !ReportOutcome(device, *record, first_line, events_before, &reply)) {
+        } else if (daemon_runs) {
+            ReportOutcome(device, *record, first_line, events_before, &reply);
             if (!device.DaemonRunning()) break;
         }
     }
@@ -308,17 +307,8 @@ OwnerReply Restart(SimulatedDevice& device, const Args& args) {
 }
 
 OwnerReply Status(SimulatedDevice& device, const Args& /*args*/) {
-    OwnerReply reply;
-    std::string service;
-    device.ServiceControl({"status"}, &service);
-    Say(&reply, "state folder   " + device.StateDir());
-    Say(&reply, device.AttributeMounted()
-                        ? StringPrintf("attribute      mounted, %d record(s) pending",
-                                       device.PendingCount())
-                        : "attribute      not mounted");
-    Say(&reply,
-        "event service  " + (device.ServiceRunning() ? android::base::Split(service, "\n")[0]
-                                                     : std::string("stopped")));
+    std::string service = "stopped", cache = "none";
+    if (device.ServiceRunning()) device.ServiceControl({"status"}, &service);
     std::string daemon = StringPrintf("running (pid %d)", device.DaemonPid());
     if (DaemonWaitsForService(device)) daemon += ", past its end: waits for the event service";
     if (std::optional<int> status = device.WaitForDaemonExit(0ms); status) {
@@ -326,12 +316,17 @@ OwnerReply Status(SimulatedDevice& device, const Args& /*args*/) {
     } else if (device.DaemonPid() < 0) {
         daemon = "not started";
     }
-    Say(&reply, "daemon         " + daemon);
-    std::string cache = "none";
     if (access(device.CachePath().c_str(), F_OK) == 0)
         DescribeCacheFile(device.CachePath(), &cache);
-    Say(&reply, "cache file     " + android::base::Split(cache, "\n")[0]);
-    return reply;
+    const std::string attribute =
+            device.AttributeMounted()
+                    ? StringPrintf("mounted, %d record(s) pending", device.PendingCount())
+                    : "not mounted";
+    return {0, StringPrintf("state folder   %s\nattribute      %s\nevent service  %s\n"
+                            "daemon         %s\ncache file     %s\n",
+                            device.StateDir().c_str(), attribute.c_str(),
+                            android::base::Split(service, "\n")[0].c_str(), daemon.c_str(),
+                            android::base::Split(cache, "\n")[0].c_str())};
 }
 
 OwnerReply Down(SimulatedDevice& device, const Args& /*args*/) {
@@ -429,10 +424,7 @@ OwnerReply ShowState(const Args& words, const std::string& state_dir) {
 std::string ShellQuote(const Args& words) {
     std::vector<std::string> quoted;
     for (const std::string& word : words) {
-        const bool plain =
-                !word.empty() && word.find_first_not_of(
-                                         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRS"
-                                         "TUVWXYZ0123456789,._/:=@%+-") == std::string::npos;
+        const bool plain = !word.empty() && word.find_first_not_of(kUnquoted) == std::string::npos;
         quoted.push_back(
                 plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
     }
