@@ -76,10 +76,10 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
     }
 }
 
-// The owner itself, a grandchild of the caller so that nobody has to reap it.
+// The owner itself, a grandchild of the caller so that nobody has to reap it; it closes
+// `listening` once it listens.
 [[noreturn]] void RunOwner(const std::string& socket_path, const std::string& log_path,
-                           const std::function<void(const OwnerServe&)>& run,
-                           unique_fd started_pipe) {
+                           const OwnerRequestHandler& handle, unique_fd listening) {
     setsid();
     if (fork() != 0) _exit(0);
     unique_fd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -89,13 +89,8 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
     dup2(output.get(), STDERR_FILENO);
     (void)signal(SIGPIPE, SIG_IGN);
     unique_fd listener = Listen(socket_path);
-    if (listener.ok()) {
-        run([&](const OwnerReply& started, const OwnerRequestHandler& handle) {
-            android::base::WriteStringToFd(Encode(started), started_pipe);
-            started_pipe.reset();
-            if (started.status == 0 && !started.owner_ends) Serve(listener, handle);
-        });
-    }
+    listening.reset();
+    if (listener.ok()) Serve(listener, handle);
     unlink(socket_path.c_str());
     _exit(0);
 }
@@ -103,20 +98,21 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
 }  // namespace
 
 OwnerReply StartOwner(const std::string& socket_path, const std::string& log_path,
-                      const std::function<void(const OwnerServe&)>& run) {
+                      const OwnerRequestHandler& handle, const std::vector<std::string>& first) {
     unique_fd read_end, write_end;
     if (!android::base::Pipe(&read_end, &write_end)) return {1, "", "pipe() failed\n"};
     const pid_t child = fork();
     if (child == 0) {
         read_end.reset();
-        RunOwner(socket_path, log_path, run, std::move(write_end));
+        RunOwner(socket_path, log_path, handle, std::move(write_end));
     }
     write_end.reset();
     if (child > 0) waitpid(child, nullptr, 0);
-    std::string bytes;
-    android::base::ReadFdToString(read_end, &bytes);
-    return Decode(bytes).value_or(
-            OwnerReply{1, "", "the device's owner ended during start-up; see " + log_path + "\n"});
+    std::string nothing;
+    android::base::ReadFdToString(read_end, &nothing);  // the end of the file: it listens or ended
+    return AskOwner(socket_path, first)
+            .value_or(OwnerReply{
+                    1, "", "the device's owner ended during start-up; see " + log_path + "\n"});
 }
 
 std::optional<OwnerReply> AskOwner(const std::string& socket_path,

@@ -218,6 +218,7 @@ OwnerReply Up(SimulatedDevice& device, const Args& args) {
         (void)rename(file.c_str(), (file + ".old").c_str());
     }
     if (std::string failure = device.Start(active); !failure.empty()) {
+        reply.owner_ends = true;  // a device that did not come up needs no owner
         return Fail(reply, "up failed: " + failure);
     }
     Say(&reply, StringPrintf("up in %s: attribute %s/sysfs/log, event service %s, daemon pid %d",

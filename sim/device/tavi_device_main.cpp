@@ -43,13 +43,15 @@ int Up(const std::vector<std::string>& words, const std::string& state_dir,
         return Fail(reason);
     }
     mkdir(state_dir.c_str(), 0755);
-    return Print(StartOwner(socket, state_dir + "/owner.log", [&](const OwnerServe& serve) {
-        SimulatedDevice device(state_dir, binaries);
-        auto run = [&](const std::vector<std::string>& request) {
-            return RunCommand(device, request);
-        };
-        serve(run(words), run);
-    }));
+    // The device lives in the owner; a reply that ends the owner ends it first.
+    std::optional<SimulatedDevice> device;
+    auto handle = [&](const std::vector<std::string>& request) {
+        if (!device) device.emplace(state_dir, binaries);
+        OwnerReply reply = RunCommand(*device, request);
+        if (reply.owner_ends) device.reset();
+        return reply;
+    };
+    return Print(StartOwner(socket, state_dir + "/owner.log", handle, words));
 }
 
 // `logs -f`: the daemon's log as it grows, until interrupted.
