@@ -58,17 +58,17 @@ struct Step {
     std::string note{};
     std::string command{};  // tavi-device's words, one space apart
     int status = 0;
-    Args lines{};    // the daemon must log each
-    Json record{};   // members of a record the service must write
-    Args output{};   // the command's output must hold each
-    Args flushed{};  // the daemon's lines of the cache flush, exactly
+    Args lines{};          // the daemon must log each
+    std::string record{};  // JSON: members of a record the service must write
+    Args output{};         // the command's output must hold each
+    Args flushed{};        // the daemon's lines of the cache flush, exactly
 };
 
 Step Say(const std::string& headline, const std::string& note = "") {
     return {headline, note};
 }
 
-Step Do(const std::string& command, int status = 0, Args lines = {}, Json record = nullptr,
+Step Do(const std::string& command, int status = 0, Args lines = {}, std::string record = "",
         Args output = {}, Args flushed = {}) {
     return {"",
             "",
@@ -92,12 +92,12 @@ const std::vector<Step>& Story() {
             Do("stop-daemon TERM", 0, {"Saved the cache to " + kCachePath, "tavi_daemon ended"}),
             Say("", "The cache file is in the persist folder, which the daemon sees as " +
                             kCachePath + ":"),
-            Do("cache", 0, {}, nullptr, {"mode 0600", "3 entries, 0 bad"}),
+            Do("cache", 0, {}, "", {"mode 0600", "3 entries, 0 bad"}),
             Say("",
                 "Its poll loop is over, but the daemon does not exit before its readiness "
                 "task has seen the service active. After SIGTERM it leaves its session open."),
             Do("service active", 0, {"Skip closing UBO session"},
-               {{"kind", "session_lost"}, {"session", 1}}),
+               R"({"kind": "session_lost", "session": 1})"),
             Do("service inactive"),
             Say("3. The daemon restarts; the service comes up; the cache is replayed",
                 "A new record arrives while the service is still down and is cached in memory. "
@@ -106,19 +106,17 @@ const std::vector<Step>& Story() {
             Do("start-daemon"),
             Do("inject 4,0,3000,0,5,0,0", 0, {kCached + kInvalidBattery}),
             Do("service active", 0, {"Loaded the cache from " + kCachePath, "Cache flush ended"},
-               nullptr, {},
+               "", {},
                {kSent + kInvalidBattery, kSent + kChargerReset, kSent + kDisplayShort,
                 kSent + kBadSector}),
             Do("cache", 0, {},
-               {{"kind", "event"},
-                {"probe", "TaviLinuxOsBadSector"},
-                {"payload_hex", "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"}},
+               R"({"kind": "event", "probe": "TaviLinuxOsBadSector",
+                   "payload_hex": "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"})",
                {"no cache file"}),
             Say("4. Live records are delivered at once"),
             Do("inject 4,2,3002,-1,0,300,1", 0, {kSent + kSocFreeze},
-               {{"kind", "event"},
-                {"probe", "TaviChargerDetectSocFreeze"},
-                {"payload_hex", "080210ba1718ffffffffffffffffff01200028ac023001"}}),
+               R"({"kind": "event", "probe": "TaviChargerDetectSocFreeze",
+                   "payload_hex": "080210ba1718ffffffffffffffffff01200028ac023001"})"),
             Say("5. Records without an event: a camera record and an unknown charger code"),
             Do("inject 1,1,5,0,0,0,0 4,1,3099,0,0,0,0", kExitFailure,
                {kUnpacked + kCamera, kUnpacked + kUnknownCharger}),
@@ -127,13 +125,11 @@ const std::vector<Step>& Story() {
             Do("inject 3,1,2000,0,0,0,0", 0,
                {kUnparsed + "4,1,3001", kUnparsed + "4,1,3001,1,0,0,0\r",
                 kSent + kDisplayAfterErrors},
-               {{"kind", "event"},
-                {"seq", 6},
-                {"probe", "TaviDisplayShort"},
-                {"payload_hex", "080110d00f1800"}}),
+               R"({"kind": "event", "seq": 6, "probe": "TaviDisplayShort",
+                   "payload_hex": "080110d00f1800"})"),
             Say("7. SIGINT: the daemon closes its session"),
             Do("stop-daemon INT", 0, {"Closed UBO session"},
-               {{"kind", "session_destroyed"}, {"session", 2}}),
+               R"({"kind": "session_destroyed", "session": 2})"),
             Say("Taking the simulated device down"),
             Do("down"),
     };
@@ -186,9 +182,10 @@ class Demo {
             seen = seen && Expect(output.find(text) != std::string::npos,
                                   "\"" + text + "\" in the output of " + command);
         }
-        if (seen && !step.record.is_null()) {
-            seen = Expect(WaitUntil([&] { return HasRecord(step.record); }, kTimeout),
-                          "a service record with " + step.record.dump());
+        if (seen && !step.record.empty()) {
+            const Json members = Json::parse(step.record);
+            seen = Expect(WaitUntil([&] { return HasRecord(members); }, kTimeout),
+                          "a service record with " + members.dump());
         }
         if (seen && !step.flushed.empty()) {
             seen = Expect(FlushedLines() == step.flushed,
