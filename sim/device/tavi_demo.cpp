@@ -8,6 +8,7 @@
 
 #include <map>
 
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 
 #include "tavi_device.h"
@@ -16,6 +17,7 @@ namespace vendor::vesk::tavi::sim {
 namespace {
 
 using namespace std::chrono_literals;
+using android::base::StringPrintf;
 using Args = std::vector<std::string>;
 using Json = nlohmann::json;
 
@@ -158,8 +160,9 @@ class Demo {
 
   private:
     bool Take(const Step& step) {
-        if (!step.headline.empty())
+        if (!step.headline.empty()) {
             printf("\n%s== %s ==%s\n", bold_, step.headline.c_str(), plain_);
+        }
         if (!step.note.empty()) printf("   %s\n", step.note.c_str());
         if (step.command.empty()) return true;
         Show();
@@ -176,11 +179,12 @@ class Demo {
                            "exit status " + std::to_string(step.status) + " of " + command);
         for (const std::string& line : step.lines) {
             seen = seen && Expect(device_.Log().WaitForLine(line, kTimeout),
-                                  "the daemon line \"" + line + "\"");
+                                  StringPrintf("the daemon line \"%s\"", line.c_str()));
         }
         for (const std::string& text : step.output) {
             seen = seen && Expect(output.find(text) != std::string::npos,
-                                  "\"" + text + "\" in the output of " + command);
+                                  StringPrintf("\"%s\" in the output of %s", text.c_str(),
+                                               command.c_str()));
         }
         if (seen && !step.record.empty()) {
             const Json members = Json::parse(step.record);
@@ -232,8 +236,8 @@ class Demo {
         auto show_records_before = [&](const std::string* line) {
             for (; record != records.end() && Precedes(*record, line); ++record) {
                 printf("  service | %s\n", DescribeRecord(*record).c_str());
-                if (record->value("kind", "") == "event" && unmatched_sends_ > 0)
-                    --unmatched_sends_;
+                const bool event = record->value("kind", "") == "event";
+                if (event && unmatched_sends_ > 0) --unmatched_sends_;
             }
         };
         for (; lines_shown_ < lines.size(); ++lines_shown_) {
