@@ -424,8 +424,8 @@ int PrintError(const std::string& message) {
     return Print({kExitFailure, "", "tavi-device: " + message + "\n"});
 }
 
-int Up(const std::vector<std::string>& words, const std::string& state_dir,
-       const Binaries& binaries) {
+int BringUp(const std::vector<std::string>& words, const std::string& state_dir,
+            const Binaries& binaries) {
     const std::string socket = state_dir + "/owner.sock";
     if (AskOwner(socket, {"status"})) {
         return PrintError("already up in " + state_dir + "; run 'tavi-device down' first");
@@ -481,7 +481,7 @@ int Main(const std::vector<std::string>& words) {
         }
         return PrintError("the device is not up in " + state_dir + "; run 'tavi-device up' first");
     }
-    if (words[0] == "up") return Up(words, state_dir, binaries);
+    if (words[0] == "up") return BringUp(words, state_dir, binaries);
     if (words[0] == "demo") return RunDemo(state_dir, binaries);
     if (words.size() == 2) return FollowLog(state_dir);  // logs -f
     return Print(ShowState(words, state_dir));
