@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# The daemon's story on a simulated device, from a fresh Debian 12 machine: installs what is
-# needed, builds (quietly, unless the build fails), then runs `tavi-device demo`, which checks
-# every expected log line and event; the exit status is 0 only when all of them were seen.
-# Run as root. State folder: $TAVI_DEVICE_STATE, default build/demo-device.
+# The daemon's story on a simulated device from a fresh Debian 12 machine, as root: installs,
+# builds quietly, then runs `tavi-device demo` (exit 0 only when every expected line and event
+# was seen). State folder: $TAVI_DEVICE_STATE, default build/demo-device.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -18,8 +17,7 @@ fi
 "$root/scripts/setup.sh"
 echo "Building in $build_dir ..."
 if ! build_output=$(BUILD_DIR=$build_dir "$root/scripts/build.sh" 2>&1); then
-    echo "$build_output" >&2
-    echo "demo: the build failed" >&2
+    printf '%s\ndemo: the build failed\n' "$build_output" >&2
     exit 1
 fi
 exec "$build_dir/sim/device/tavi-device" demo

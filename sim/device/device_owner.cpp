@@ -16,27 +16,24 @@
 #include <nlohmann/json.hpp>
 
 namespace vendor::vesk::tavi::sim {
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(OwnerReply, status, out, err, owner_ends)
+
 namespace {
 
 using android::base::unique_fd;
-
 using Json = nlohmann::json;
 
 const std::string kWordSeparator(1, '\0');
 
 std::string Encode(const OwnerReply& reply) {
-    const Json json = {{"status", reply.status},
-                       {"out", reply.out},
-                       {"err", reply.err},
-                       {"owner_ends", reply.owner_ends}};
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return Json(reply).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::optional<OwnerReply> Decode(const std::string& bytes) {
     const Json json = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
     if (!json.is_object()) return std::nullopt;
-    return OwnerReply{json.value("status", 1), json.value("out", ""), json.value("err", ""),
-                      json.value("owner_ends", false)};
+    return json.get<OwnerReply>();
 }
 
 unique_fd UnixSocket(const std::string& path, sockaddr_un* address) {
@@ -79,10 +76,10 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
     }
 }
 
-// The owner itself, a grandchild of the caller so that nobody has to reap it.
+// The owner itself, a grandchild of the caller so that nobody has to reap it; it closes
+// `listening` once it listens.
 [[noreturn]] void RunOwner(const std::string& socket_path, const std::string& log_path,
-                           const std::function<void(const OwnerServe&)>& run,
-                           unique_fd started_pipe) {
+                           const OwnerRequestHandler& handle, unique_fd listening) {
     setsid();
     if (fork() != 0) _exit(0);
     unique_fd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -92,13 +89,8 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
     dup2(output.get(), STDERR_FILENO);
     (void)signal(SIGPIPE, SIG_IGN);
     unique_fd listener = Listen(socket_path);
-    if (listener.ok()) {
-        run([&](const OwnerReply& started, const OwnerRequestHandler& handle) {
-            android::base::WriteStringToFd(Encode(started), started_pipe);
-            started_pipe.reset();
-            if (started.status == 0 && !started.owner_ends) Serve(listener, handle);
-        });
-    }
+    listening.reset();
+    if (listener.ok()) Serve(listener, handle);
     unlink(socket_path.c_str());
     _exit(0);
 }
@@ -106,21 +98,21 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
 }  // namespace
 
 OwnerReply StartOwner(const std::string& socket_path, const std::string& log_path,
-                      const std::function<void(const OwnerServe&)>& run) {
+                      const OwnerRequestHandler& handle, const std::vector<std::string>& first) {
     unique_fd read_end, write_end;
     if (!android::base::Pipe(&read_end, &write_end)) return {1, "", "pipe() failed\n"};
     const pid_t child = fork();
     if (child == 0) {
         read_end.reset();
-        RunOwner(socket_path, log_path, run, std::move(write_end));
+        RunOwner(socket_path, log_path, handle, std::move(write_end));
     }
     write_end.reset();
     if (child > 0) waitpid(child, nullptr, 0);
-    std::string bytes;
-    android::base::ReadFdToString(read_end, &bytes);
-    std::optional<OwnerReply> reply = Decode(bytes);
-    if (!reply) return {1, "", "the device's owner ended during start-up; see " + log_path + "\n"};
-    return *reply;
+    std::string nothing;
+    android::base::ReadFdToString(read_end, &nothing);  // the end of the file: it listens or ended
+    return AskOwner(socket_path, first)
+            .value_or(OwnerReply{
+                    1, "", "the device's owner ended during start-up; see " + log_path + "\n"});
 }
 
 std::optional<OwnerReply> AskOwner(const std::string& socket_path,

@@ -6,6 +6,9 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <map>
+
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 
 #include "tavi_device.h"
@@ -14,219 +17,186 @@ namespace vendor::vesk::tavi::sim {
 namespace {
 
 using namespace std::chrono_literals;
-using android::base::StartsWith;
+using android::base::StringPrintf;
+using Args = std::vector<std::string>;
 using Json = nlohmann::json;
 
-constexpr milliseconds kLineTimeout = 10s;
-constexpr const char* kSendPrefix = "Send the message to UBO: ";
-constexpr const char* kCachePath = "/mnt/vendor/persist/tavi/cache.bin";
+constexpr milliseconds kTimeout = 10s;
+const std::string kCached = "Store the message in the cache: ";
+const std::string kSent = "Send the message to UBO: ";
+const std::string kUnpacked = "Failed to pack the massage: ";
+const std::string kUnparsed = "Failed to parse the string for MessageType LOG: ";
+const std::string kCachePath = "/mnt/vendor/persist/tavi/cache.bin";
 
-// A record of the story and the text form the daemon logs it with.
-struct Record {
-    const char* line;
-    const char* text;
+// The story's records in the text form the daemon logs them with.
+constexpr const char* kChargerReset =
+        "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
+        "Param3: 0, Param4: 0, Message: }";
+constexpr const char* kDisplayShort =
+        "Message {Type: LOG, Category: 3, LogLevel: 0, ErrorCode: 2000, Param1: 1, Param2: 0, "
+        "Param3: 0, Param4: 0, Message: }";
+constexpr const char* kBadSector =
+        "Message {Type: LOG, Category: 2, LogLevel: 2, ErrorCode: 1000, Param1: -1, Param2: -7, "
+        "Param3: 42, Param4: 0, Message: }";
+constexpr const char* kInvalidBattery =
+        "Message {Type: LOG, Category: 4, LogLevel: 0, ErrorCode: 3000, Param1: 0, Param2: 5, "
+        "Param3: 0, Param4: 0, Message: }";
+constexpr const char* kSocFreeze =
+        "Message {Type: LOG, Category: 4, LogLevel: 2, ErrorCode: 3002, Param1: -1, Param2: 0, "
+        "Param3: 300, Param4: 1, Message: }";
+constexpr const char* kCamera =
+        "Message {Type: LOG, Category: 1, LogLevel: 1, ErrorCode: 5, Param1: 0, Param2: 0, "
+        "Param3: 0, Param4: 0, Message: }";
+constexpr const char* kUnknownCharger =
+        "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3099, Param1: 0, Param2: 0, "
+        "Param3: 0, Param4: 0, Message: }";
+constexpr const char* kDisplayAfterErrors =
+        "Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: 2000, Param1: 0, Param2: 0, "
+        "Param3: 0, Param4: 0, Message: }";
+
+// One step of the story: a headline or a note, or a command and what must follow it.
+struct Step {
+    std::string headline{};
+    std::string note{};
+    std::string command{};  // tavi-device's words, one space apart
+    int status = 0;
+    Args lines{};          // the daemon must log each
+    std::string record{};  // JSON: members of a record the service must write
+    Args output{};         // the command's output must hold each
+    Args flushed{};        // the daemon's lines of the cache flush, exactly
 };
 
-const Record kChargerReset = {"4,1,3001,1,0,0,0",
-                              "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, "
-                              "Param1: 1, Param2: 0, Param3: 0, Param4: 0, Message: }"};
-const Record kDisplayShort = {"3,0,2000,1,0,0,0",
-                              "Message {Type: LOG, Category: 3, LogLevel: 0, ErrorCode: 2000, "
-                              "Param1: 1, Param2: 0, Param3: 0, Param4: 0, Message: }"};
-const Record kBadSector = {"2,2,1000,-1,-7,42,0",
-                           "Message {Type: LOG, Category: 2, LogLevel: 2, ErrorCode: 1000, "
-                           "Param1: -1, Param2: -7, Param3: 42, Param4: 0, Message: }"};
-const Record kInvalidBattery = {"4,0,3000,0,5,0,0",
-                                "Message {Type: LOG, Category: 4, LogLevel: 0, ErrorCode: 3000, "
-                                "Param1: 0, Param2: 5, Param3: 0, Param4: 0, Message: }"};
-const Record kSocFreeze = {"4,2,3002,-1,0,300,1",
-                           "Message {Type: LOG, Category: 4, LogLevel: 2, ErrorCode: 3002, "
-                           "Param1: -1, Param2: 0, Param3: 300, Param4: 1, Message: }"};
-const Record kCamera = {"1,1,5,0,0,0,0",
-                        "Message {Type: LOG, Category: 1, LogLevel: 1, ErrorCode: 5, Param1: 0, "
-                        "Param2: 0, Param3: 0, Param4: 0, Message: }"};
-const Record kUnknownCharger = {"4,1,3099,0,0,0,0",
-                                "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3099, "
-                                "Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"};
-const Record kDisplayAfterErrors = {"3,1,2000,0,0,0,0",
-                                    "Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: "
-                                    "2000, Param1: 0, Param2: 0, Param3: 0, Param4: 0, Message: }"};
-
-std::string CachedLine(const Record& record) {
-    return std::string("Store the message in the cache: ") + record.text;
-}
-std::string SentLine(const Record& record) {
-    return kSendPrefix + std::string(record.text);
-}
-std::string UnpackedLine(const Record& record) {
-    return std::string("Failed to pack the massage: ") + record.text;
+Step Say(const std::string& headline, const std::string& note = "") {
+    return {headline, note};
 }
 
-// Where a record of the service goes among the daemon's lines of the same stretch: after
-// the line that caused it, before the line that reports it, or where commands act.
-enum class Place { kFirst, kAfterSend, kBeforeLine, kLast };
+Step Do(const std::string& command, int status = 0, Args lines = {}, std::string record = "",
+        Args output = {}, Args flushed = {}) {
+    return {"",
+            "",
+            command,
+            status,
+            std::move(lines),
+            std::move(record),
+            std::move(output),
+            std::move(flushed)};
+}
 
-Place Placement(const std::string& kind, std::string* anchor) {
-    if (kind == "event") return Place::kAfterSend;
-    if (kind == "session_created") *anchor = "Created UBO session";
-    if (kind == "session_destroyed") *anchor = "Closed UBO session";
-    if (!anchor->empty()) return Place::kBeforeLine;
-    // The daemon's lines all come before it ends; the service stops last.
-    return kind == "session_lost" || kind == "stopped" ? Place::kLast : Place::kFirst;
+const std::vector<Step>& Story() {
+    static const std::vector<Step> kStory = {
+            Say("1. The event service is down: records are kept in the daemon's memory",
+                "The service starts inactive. The daemon's readiness task retries every second; "
+                "meanwhile every record it accepts is stored in its cache."),
+            Do("up"),
+            Do("inject 4,1,3001,1,0,0,0 3,0,2000,1,0,0,0 2,2,1000,-1,-7,42,0", 0,
+               {kCached + kChargerReset, kCached + kDisplayShort, kCached + kBadSector}),
+            Say("2. SIGTERM: the daemon saves its cache, then waits for the service"),
+            Do("stop-daemon TERM", 0, {"Saved the cache to " + kCachePath, "tavi_daemon ended"}),
+            Say("", "The cache file is in the persist folder, which the daemon sees as " +
+                            kCachePath + ":"),
+            Do("cache", 0, {}, "", {"mode 0600", "3 entries, 0 bad"}),
+            Say("",
+                "Its poll loop is over, but the daemon does not exit before its readiness "
+                "task has seen the service active. After SIGTERM it leaves its session open."),
+            Do("service active", 0, {"Skip closing UBO session"},
+               R"({"kind": "session_lost", "session": 1})"),
+            Do("service inactive"),
+            Say("3. The daemon restarts; the service comes up; the cache is replayed",
+                "A new record arrives while the service is still down and is cached in memory. "
+                "When the service is active, the daemon loads the file and replays this run's "
+                "record first, then the saved ones."),
+            Do("start-daemon"),
+            Do("inject 4,0,3000,0,5,0,0", 0, {kCached + kInvalidBattery}),
+            Do("service active", 0, {"Loaded the cache from " + kCachePath, "Cache flush ended"},
+               "", {},
+               {kSent + kInvalidBattery, kSent + kChargerReset, kSent + kDisplayShort,
+                kSent + kBadSector}),
+            Do("cache", 0, {},
+               R"({"kind": "event", "probe": "TaviLinuxOsBadSector",
+                   "payload_hex": "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"})",
+               {"no cache file"}),
+            Say("4. Live records are delivered at once"),
+            Do("inject 4,2,3002,-1,0,300,1", 0, {kSent + kSocFreeze},
+               R"({"kind": "event", "probe": "TaviChargerDetectSocFreeze",
+                   "payload_hex": "080210ba1718ffffffffffffffffff01200028ac023001"})"),
+            Say("5. Records without an event: a camera record and an unknown charger code"),
+            Do("inject 1,1,5,0,0,0,0 4,1,3099,0,0,0,0", kExitFailure,
+               {kUnpacked + kCamera, kUnpacked + kUnknownCharger}),
+            Say("6. Malformed lines are rejected; the daemon keeps serving"),
+            Do("inject --raw 4,1,3001\\n 4,1,3001,1,0,0,0\\r\\n", kExitFailure),
+            Do("inject 3,1,2000,0,0,0,0", 0,
+               {kUnparsed + "4,1,3001", kUnparsed + "4,1,3001,1,0,0,0\r",
+                kSent + kDisplayAfterErrors},
+               R"({"kind": "event", "seq": 6, "probe": "TaviDisplayShort",
+                   "payload_hex": "080110d00f1800"})"),
+            Say("7. SIGINT: the daemon closes its session"),
+            Do("stop-daemon INT", 0, {"Closed UBO session"},
+               R"({"kind": "session_destroyed", "session": 2})"),
+            Say("Taking the simulated device down"),
+            Do("down"),
+    };
+    return kStory;
 }
 
 class Demo {
   public:
-    Demo(const std::string& state_dir, const Binaries& binaries)
-        : state_dir_(state_dir), device_(state_dir, binaries), commands_(device_) {}
+    Demo(const std::string& state_dir, const Binaries& binaries) : device_(state_dir, binaries) {}
 
-    bool Run() {
-        return Cached() && Saved() && Replayed() && Live() && NoEvent() && Malformed() &&
-               Closed() && Down() && FinalCheck();
-    }
-    const std::string& failure() const { return failure_; }
-
-  private:
-    bool Cached() {
-        Headline("1. The event service is down: records are kept in the daemon's memory");
-        Note("The service starts inactive. The daemon's readiness task retries every second; "
-             "meanwhile every record it accepts is stored in its cache.");
-        return Command({"up"}) &&
-               Command({"inject", kChargerReset.line, kDisplayShort.line, kBadSector.line}) &&
-               ExpectLine(CachedLine(kChargerReset)) && ExpectLine(CachedLine(kDisplayShort)) &&
-               ExpectLine(CachedLine(kBadSector)) && Show();
-    }
-
-    bool Saved() {
-        Headline("2. SIGTERM: the daemon saves its cache, then waits for the service");
-        if (!Command({"stop-daemon", "TERM"}) ||
-            !ExpectLine(std::string("Saved the cache to ") + kCachePath) ||
-            !ExpectLine("tavi_daemon ended") || !Show()) {
-            return false;
+    // Empty when every step went as expected; otherwise what was missing first.
+    std::string Run() {
+        for (const Step& step : Story()) {
+            if (!Take(step)) return failure_;
         }
-        Note("The cache file is in the persist folder, which the daemon sees as " +
-             std::string(kCachePath) + ":");
-        if (!Command({"cache"}) || !Expect(Contains(last_output_, "mode 0600"), "mode 0600") ||
-            !Expect(Contains(last_output_, "3 entries, 0 bad"), "3 entries, 0 bad")) {
-            return false;
-        }
-        Note("Its poll loop is over, but the daemon does not exit before its readiness task has "
-             "seen the service active. After SIGTERM it leaves its session open.");
-        return Command({"service", "active"}) && ExpectLine("Skip closing UBO session") &&
-               ExpectRecord({{"kind", "session_lost"}, {"session", 1}}) && Show() &&
-               Command({"service", "inactive"});
-    }
-
-    bool Replayed() {
-        Headline("3. The daemon restarts; the service comes up; the cache is replayed");
-        Note("A new record arrives while the service is still down and is cached in memory. When "
-             "the service is active, the daemon loads the file and replays this run's record "
-             "first, then the saved ones.");
-        if (!Command({"start-daemon"}) || !Command({"inject", kInvalidBattery.line}) ||
-            !ExpectLine(CachedLine(kInvalidBattery)) || !Command({"service", "active"}) ||
-            !ExpectLine(std::string("Loaded the cache from ") + kCachePath) ||
-            !ExpectLine("Cache flush ended") || !Show()) {
-            return false;
-        }
-        const std::vector<std::string> expected = {SentLine(kInvalidBattery),
-                                                   SentLine(kChargerReset), SentLine(kDisplayShort),
-                                                   SentLine(kBadSector)};
-        return Expect(FlushedLines() == expected,
-                      "the flush in the order " + android::base::Join(expected, ", ")) &&
-               Command({"cache"}) &&
-               Expect(Contains(last_output_, "no cache file"), "no cache file") &&
-               ExpectRecord({{"kind", "event"},
-                             {"probe", "TaviLinuxOsBadSector"},
-                             {"payload_hex",
-                              "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"}});
-    }
-
-    bool Live() {
-        Headline("4. Live records are delivered at once");
-        return Command({"inject", kSocFreeze.line}) && ExpectLine(SentLine(kSocFreeze)) &&
-               ExpectRecord({{"kind", "event"},
-                             {"probe", "TaviChargerDetectSocFreeze"},
-                             {"payload_hex", "080210ba1718ffffffffffffffffff01200028ac023001"}}) &&
-               Show();
-    }
-
-    bool NoEvent() {
-        Headline("5. Records without an event: a camera record and an unknown charger code");
-        return Command({"inject", kCamera.line, kUnknownCharger.line}, kExitFailure) &&
-               ExpectLine(UnpackedLine(kCamera)) && ExpectLine(UnpackedLine(kUnknownCharger)) &&
-               Show();
-    }
-
-    bool Malformed() {
-        Headline("6. Malformed lines are rejected; the daemon keeps serving");
-        return Command({"inject", "--raw", "4,1,3001\\n", "4,1,3001,1,0,0,0\\r\\n"},
-                       kExitFailure) &&
-               Command({"inject", kDisplayAfterErrors.line}) &&
-               ExpectLine("Failed to parse the string for MessageType LOG: 4,1,3001") &&
-               ExpectLine("Failed to parse the string for MessageType LOG: 4,1,3001,1,0,0,0\r") &&
-               ExpectLine(SentLine(kDisplayAfterErrors)) &&
-               ExpectRecord({{"kind", "event"},
-                             {"seq", 6},
-                             {"probe", "TaviDisplayShort"},
-                             {"payload_hex", "080110d00f1800"}}) &&
-               Show();
-    }
-
-    bool Closed() {
-        Headline("7. SIGINT: the daemon closes its session");
-        return Command({"stop-daemon", "INT"}) && ExpectLine("Closed UBO session") &&
-               ExpectRecord({{"kind", "session_destroyed"}, {"session", 2}}) && Show();
-    }
-
-    bool Down() {
-        Headline("Taking the simulated device down");
-        return Command({"down"}) && Show();
-    }
-
-    // Once more, from the files the run left behind: every line was checked on its step.
-    bool FinalCheck() {
-        const std::vector<Json> events = device_.Records("event");
+        // Once more, from the files the run left behind.
         size_t accepted = 0;
-        for (const Json& event : events) {
+        for (const Json& event : device_.Records("event")) {
             accepted += event.value("rc", -1) == 0 && event.value("active", false) ? 1 : 0;
         }
-        return Expect(events.size() == 6 && accepted == 6,
+        (void)(Expect(accepted == 6 && device_.CountRecords("event") == 6,
                       "6 events, each accepted by an active service") &&
-               Expect(!device_.AttributeMounted(), "no mount left in " + state_dir_);
+               Expect(!device_.AttributeMounted(), "no mount left in " + device_.StateDir()));
+        return failure_;
     }
 
-    // Shows `words` as the command to type, runs it as tavi-device does, shows its output.
-    bool Command(const std::vector<std::string>& words, int expected_status = 0) {
+  private:
+    bool Take(const Step& step) {
+        if (!step.headline.empty()) {
+            printf("\n%s== %s ==%s\n", bold_, step.headline.c_str(), plain_);
+        }
+        if (!step.note.empty()) printf("   %s\n", step.note.c_str());
+        if (step.command.empty()) return true;
         Show();
-        printf("%s$ tavi-device %s%s\n", bold_, ShellQuote(words).c_str(), plain_);
-        OwnerReply reply = words[0] == "up"        ? commands_.Up(words)
-                           : NeedsDevice(words[0]) ? commands_.Run(words)
-                                                   : ShowState(words, state_dir_);
-        last_output_ = reply.out + reply.err;
-        for (const std::string& line : android::base::Split(last_output_, "\n")) {
+        const Args words = android::base::Split(step.command, " ");
+        const std::string command = "tavi-device " + ShellQuote(words);
+        printf("%s$ %s%s\n", bold_, command.c_str(), plain_);
+        const OwnerReply reply = RunCommand(device_, words);
+        const std::string output = reply.out + reply.err;
+        for (const std::string& line : android::base::Split(output, "\n")) {
             if (!line.empty()) printf("  %s\n", line.c_str());
         }
         Show();
-        return Expect(reply.status == expected_status,
-                      "exit status " + std::to_string(expected_status) + " of tavi-device " +
-                              ShellQuote(words));
-    }
-
-    bool ExpectLine(const std::string& text) {
-        return Expect(device_.Log().WaitForLine(text, kLineTimeout),
-                      "the daemon line \"" + text + "\"");
-    }
-
-    bool ExpectRecord(const Json& members) {
-        auto matches = [&] {
-            for (Json record : device_.Records()) {
-                const Json before = record;
-                record.update(members);  // changes nothing when it holds every member
-                if (record == before) return true;
-            }
-            return false;
-        };
-        return Expect(WaitUntil(matches, kLineTimeout), "a service record with " + members.dump());
+        bool seen = Expect(reply.status == step.status,
+                           "exit status " + std::to_string(step.status) + " of " + command);
+        for (const std::string& line : step.lines) {
+            seen = seen && Expect(device_.Log().WaitForLine(line, kTimeout),
+                                  StringPrintf("the daemon line \"%s\"", line.c_str()));
+        }
+        for (const std::string& text : step.output) {
+            seen = seen && Expect(output.find(text) != std::string::npos,
+                                  StringPrintf("\"%s\" in the output of %s", text.c_str(),
+                                               command.c_str()));
+        }
+        if (seen && !step.record.empty()) {
+            const Json members = Json::parse(step.record);
+            seen = Expect(WaitUntil([&] { return HasRecord(members); }, kTimeout),
+                          "a service record with " + members.dump());
+        }
+        if (seen && !step.flushed.empty()) {
+            seen = Expect(FlushedLines() == step.flushed,
+                          "the flush in the order " + android::base::Join(step.flushed, ", "));
+        }
+        Show();
+        return seen;
     }
 
     bool Expect(bool seen, const std::string& what) {
@@ -234,16 +204,20 @@ class Demo {
         return seen;
     }
 
-    static bool Contains(const std::string& text, const std::string& part) {
-        return text.find(part) != std::string::npos;
+    bool HasRecord(const Json& members) {
+        for (Json record : device_.Records()) {
+            const Json before = record;
+            record.update(members);  // changes nothing when it holds every member
+            if (record == before) return true;
+        }
+        return false;
     }
 
     // The daemon's lines between "Cache flush starting" and "Cache flush ended".
     std::vector<std::string> FlushedLines() {
-        const std::vector<LogLine>& lines = device_.Log().Lines();
-        std::vector<std::string> flushed;
+        std::vector<std::string> flushed{};
         bool on = false;
-        for (const LogLine& line : lines) {
+        for (const LogLine& line : device_.Log().Lines()) {
             if (line.text == "Cache flush ended") on = false;
             if (on && !line.text.empty()) flushed.push_back(line.text);
             if (line.text == "Cache flush starting") on = true;
@@ -252,64 +226,55 @@ class Demo {
     }
 
     // What the daemon logged and the service recorded since the last call, in the order they
-    // happened: each service record next to the daemon line it belongs to.
-    bool Show() {
-        std::vector<Json> records = events_.ReadNew();  // first: their causes are logged by now
+    // happened.
+    void Show() {
+        const std::vector<Json> records = events_.ReadNew();  // first: their causes are logged
         if (device_.DaemonPid() != shown_pid_) lines_shown_ = 0;
         shown_pid_ = device_.DaemonPid();
         const std::vector<LogLine>& lines = device_.Log().Lines();
-        std::vector<bool> shown(records.size());
-        auto show_first = [&](Place place, const std::string& text) {
-            for (size_t i = 0; i < records.size(); ++i) {
-                std::string anchor;
-                if (shown[i] || Placement(records[i].value("kind", ""), &anchor) != place ||
-                    anchor != text) {
-                    continue;
-                }
-                shown[i] = true;
-                printf("  service | %s\n", DescribeRecord(records[i]).c_str());
-                if (place != Place::kFirst) return;
+        auto record = records.begin();
+        auto show_records_before = [&](const std::string* line) {
+            for (; record != records.end() && Precedes(*record, line); ++record) {
+                printf("  service | %s\n", DescribeRecord(*record).c_str());
+                const bool event = record->value("kind", "") == "event";
+                if (event && unmatched_sends_ > 0) --unmatched_sends_;
             }
         };
-        show_first(Place::kFirst, "");
         for (; lines_shown_ < lines.size(); ++lines_shown_) {
-            const LogLine& line = lines[lines_shown_];
-            if (line.text.empty()) continue;  // the end of a message's text form
-            show_first(Place::kBeforeLine, line.text);
-            printf("  daemon  | %c %s\n", line.severity, Visible(line.text).c_str());
-            if (StartsWith(line.text, kSendPrefix)) show_first(Place::kAfterSend, "");
+            const std::string& text = lines[lines_shown_].text;
+            if (text.empty()) continue;  // the end of a message's text form
+            show_records_before(&text);
+            printf("  daemon  | %c %s\n", lines[lines_shown_].severity, Visible(text).c_str());
+            if (android::base::StartsWith(text, kSent)) ++unmatched_sends_;
         }
-        for (size_t i = 0; i < records.size(); ++i) {
-            if (!shown[i]) printf("  service | %s\n", DescribeRecord(records[i]).c_str());
-        }
-        return true;
+        show_records_before(nullptr);
     }
 
-    void Headline(const std::string& text) {
-        printf("\n%s== %s ==%s\n", bold_, text.c_str(), plain_);
+    // Whether the service wrote `record` before the daemon logged `line` (none: the last line):
+    // an event follows its send, a session's start or end precedes the daemon's line about it,
+    // a lost session and the service's end follow every line; the rest come from commands.
+    bool Precedes(const Json& record, const std::string* line) const {
+        static const std::map<std::string, std::string> kBeforeLine = {
+                {"session_created", "Created UBO session"},
+                {"session_destroyed", "Closed UBO session"},
+                {"session_lost", ""},
+                {"stopped", ""}};
+        const std::string kind = record.value("kind", "");
+        if (line == nullptr) return true;
+        if (kind == "event") return unmatched_sends_ > 0;
+        auto anchor = kBeforeLine.find(kind);
+        return anchor == kBeforeLine.end() || anchor->second == *line;
     }
-    void Note(const std::string& text) { printf("   %s\n", text.c_str()); }
 
-    const std::string state_dir_;
     SimulatedDevice device_;
-    DeviceCommands commands_;
     EventReader events_{device_.EventsPath()};
     size_t lines_shown_ = 0;
+    size_t unmatched_sends_ = 0;
     pid_t shown_pid_ = -1;
-    std::string last_output_;
     std::string failure_;
     const char* bold_ = isatty(STDOUT_FILENO) ? "\033[1m" : "";
     const char* plain_ = isatty(STDOUT_FILENO) ? "\033[0m" : "";
 };
-
-// A fresh state folder: what an earlier run or a `tavi-device up` left there goes.
-void ClearState(const std::string& state_dir) {
-    AskOwner(state_dir + "/owner.sock", {"down"});
-    for (const char* name : {"daemon.log", "daemon.log.old", "events.jsonl", "events.jsonl.old",
-                             "persist/cache.bin"}) {
-        unlink((state_dir + "/" + name).c_str());
-    }
-}
 
 }  // namespace
 
@@ -318,10 +283,14 @@ int RunDemo(const std::string& state_dir, const Binaries& binaries) {
         fprintf(stderr, "tavi-device: demo: %s\n", reason.c_str());
         return kExitFailure;
     }
-    ClearState(state_dir);
-    Demo demo(state_dir, binaries);
-    if (!demo.Run()) {
-        fprintf(stderr, "\ntavi-device: DEMO FAILED: %s\n", demo.failure().c_str());
+    // A fresh state folder: what an earlier run or a `tavi-device up` left there goes.
+    AskOwner(state_dir + "/owner.sock", {"down"});
+    for (const char* name : {"daemon.log", "daemon.log.old", "events.jsonl", "events.jsonl.old",
+                             "persist/cache.bin"}) {
+        unlink((state_dir + "/" + name).c_str());
+    }
+    if (std::string failure = Demo(state_dir, binaries).Run(); !failure.empty()) {
+        fprintf(stderr, "\ntavi-device: DEMO FAILED: %s\n", failure.c_str());
         return kExitFailure;
     }
     printf("\nDemo passed: every expected log line and event was seen.\n"

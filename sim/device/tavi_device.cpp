@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
+// tavi-device: the simulated device by hand. `up` leaves the device with an owner process;
+// later invocations hand their command to it over the socket in the state folder.
 #include "tavi_device.h"
 
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -23,6 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 using android::base::StartsWith;
 using android::base::StringPrintf;
+using Args = std::vector<std::string>;
 
 constexpr const char* kUsage = R"(usage: tavi-device COMMAND [ARGS]
 
@@ -50,45 +56,309 @@ environment: TAVI_DEVICE_STATE (state folder, default /var/lib/tavi-device)
 )";
 
 // Each command with the optional words it takes; inject and service are checked apart.
-const std::map<std::string, std::vector<std::string>> kCommands = {
-        {"up", {"--active"}},
-        {"start-daemon", {"--no-attribute"}},
-        {"inject", {}},
-        {"service", {}},
-        {"stop-daemon", {"TERM", "INT", "--timeout"}},
-        {"restart", {"TERM", "INT"}},
-        {"status", {}},
-        {"down", {}},
-        {"logs", {"-f"}},
-        {"events", {}},
-        {"cache", {}},
-        {"demo", {}},
-        {"help", {}}};
-
-const std::vector<std::string> kServiceCommands = {"active", "inactive", "ok",  "refuse",
-                                                   "accept", "status",   "fail"};
-
+const std::map<std::string, Args> kCommands = {{"up", {"--active"}},
+                                               {"start-daemon", {"--no-attribute"}},
+                                               {"inject", {}},
+                                               {"service", {}},
+                                               {"stop-daemon", {"TERM", "INT", "--timeout"}},
+                                               {"restart", {"TERM", "INT"}},
+                                               {"status", {}},
+                                               {"down", {}},
+                                               {"logs", {"-f"}},
+                                               {"events", {}},
+                                               {"cache", {}},
+                                               {"demo", {}},
+                                               {"help", {}}};
+const Args kServiceCommands = {"active", "inactive", "ok", "refuse", "accept", "status", "fail"};
 // The daemon's lines that tell what became of one record.
 constexpr const char* kSentPrefix = "Send the message to UBO: ";
 constexpr const char* kCachedPrefix = "Store the message in the cache: ";
 constexpr const char* kOutcomePrefixes[] = {
         kSentPrefix, kCachedPrefix,
         "Failed to pack the massage: ", "Failed to parse the string for MessageType "};
-constexpr const char* kCacheFullLine = "Cache size limit, ignoring";
-constexpr const char* kEndedLine = "tavi_daemon ended";
+constexpr const char* kUnquoted =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
 constexpr const char* kRetryPrefix = "UBO is not yet active or available";
-constexpr const char* kPausePrefix = "UBO is not yet active or available after ";
 constexpr milliseconds kOutcomeTimeout = 3s;
-// A full cache is reported right after the line that stores the record.
-constexpr milliseconds kCacheFullGrace = 100ms;
-constexpr milliseconds kDownTimeout = 5s;
 constexpr int kDefaultStopSeconds = 30;
+constexpr int kExitUsage = 2;
 
-bool Contains(const std::vector<std::string>& words, const std::string& word) {
+bool Contains(const Args& words, const std::string& word) {
     return std::find(words.begin(), words.end(), word) != words.end();
 }
 
-std::string CheckArguments(const std::string& command, const std::vector<std::string>& args) {
+void Say(OwnerReply* reply, const std::string& line) {
+    reply->out += line + "\n";
+}
+
+OwnerReply Fail(OwnerReply& reply, const std::string& line) {
+    reply.err += "tavi-device: " + line + "\n";
+    reply.status = kExitFailure;
+    return reply;
+}
+
+// A RECORD argument as the bytes to write.
+std::string RecordBytes(const std::string& word, bool raw) {
+    if (!raw) return word + "\n";
+    static const std::map<char, char> kEscapes = {
+            {'n', '\n'}, {'r', '\r'}, {'t', '\t'}, {'0', '\0'}, {'\\', '\\'}};
+    std::string bytes;
+    for (size_t i = 0; i < word.size(); ++i) {
+        auto escape = word[i] == '\\' ? kEscapes.find(word[i + 1]) : kEscapes.end();
+        bytes += escape == kEscapes.end() ? word[i] : (++i, escape->second);
+    }
+    return bytes;
+}
+
+// The first line from `first` on that tells what became of a record, or -1. A cache flush
+// replays other records; `sends` counts its sends before the line found.
+int FindOutcome(const std::vector<LogLine>& lines, size_t first, size_t* sends) {
+    bool flushing = false;
+    *sends = 0;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const std::string& text = lines[i].text;
+        flushing = text == "Cache flush starting" || (flushing && text != "Cache flush ended");
+        if (i < first) continue;
+        const bool outcome =
+                std::any_of(std::begin(kOutcomePrefixes), std::end(kOutcomePrefixes),
+                            [&](const char* prefix) { return StartsWith(text, prefix); });
+        if (!flushing && outcome) return static_cast<int>(i);
+        *sends += StartsWith(text, kSentPrefix) ? 1 : 0;
+    }
+    return -1;
+}
+
+// Past its end line only the readiness task holds the daemon; it ends once the service is
+// active.
+bool DaemonWaitsForService(SimulatedDevice& device) {
+    return device.DaemonRunning() && device.Log().IndexOf("tavi_daemon ended") >= 0;
+}
+
+bool ServiceActive(SimulatedDevice& device) {
+    std::string answer;
+    return device.ServiceControl({"status"}, &answer) && StartsWith(answer, "state active");
+}
+
+// One record's outcome from the daemon's lines after `first_line`.
+void ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t first_line,
+                   size_t events_before, OwnerReply* reply) {
+    LogReader& log = device.Log();
+    int found = -1;
+    size_t flushed_sends = 0;
+    WaitUntil(
+            [&] {
+                found = FindOutcome(log.Lines(), first_line, &flushed_sends);
+                return found >= 0 || !device.DaemonRunning();
+            },
+            kOutcomeTimeout);
+    if (found < 0) {
+        const std::optional<int> status = device.WaitForDaemonExit(0ms);
+        Fail(*reply, status ? "the daemon ended on '" + shown + "': " + DescribeWaitStatus(*status)
+                            : "no outcome logged for '" + shown +
+                                      "' within 3 s (a category that no handler takes?)");
+        return;
+    }
+    const std::string line = log.Lines()[found].text;
+    if (StartsWith(line, kCachedPrefix)) {
+        // A full cache is reported right after the line that stores the record.
+        const bool full = WaitUntil(
+                [&] {
+                    const std::vector<LogLine>& lines = log.Lines();
+                    return std::any_of(lines.begin() + found, lines.end(), [](const LogLine& l) {
+                        return l.text == "Cache size limit, ignoring";
+                    });
+                },
+                100ms);
+        return Say(reply,
+                   shown + ": " + (full ? "refused at the cache limit" : "kept in the cache"));
+    }
+    if (!StartsWith(line, kSentPrefix)) {
+        return void(Fail(*reply, "the daemon rejected '" + shown + "': " + Visible(line)));
+    }
+    // Events come in the order of the daemon's sends; a refused one too.
+    const size_t index = events_before + flushed_sends;
+    WaitUntil([&] { return device.CountRecords("event") > index; }, kOutcomeTimeout);
+    const std::vector<nlohmann::json> events = device.Records("event");
+    if (events.size() <= index) {
+        Say(reply, shown + ": sent, but the service shows no event");
+    } else if (const int rc = events[index].value("rc", 0); rc != 0) {
+        Say(reply, shown + ": refused by the service with return code " + std::to_string(rc));
+    } else {
+        Say(reply, shown + ": delivered as event #" + events[index]["seq"].dump() + " " +
+                           events[index].value("probe", ""));
+    }
+}
+
+// Waits up to `timeout` for the daemon to end, unless it waits for an inactive service.
+void WaitForDaemonEnd(SimulatedDevice& device, milliseconds timeout, OwnerReply* reply) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (device.DaemonRunning() && std::chrono::steady_clock::now() < deadline) {
+        if (DaemonWaitsForService(device) && !ServiceActive(device)) {
+            return Say(reply,
+                       "the daemon has saved its cache and waits for the event service; make "
+                       "it active to let it end: tavi-device service active");
+        }
+        std::this_thread::sleep_for(100ms);
+    }
+    const std::vector<LogLine>& lines = device.Log().Lines();
+    auto last_retry = std::find_if(lines.rbegin(), lines.rend(), [](const LogLine& line) {
+        return StartsWith(line.text, kRetryPrefix);
+    });
+    if (std::optional<int> status = device.WaitForDaemonExit(0ms); status) {
+        const std::string how = "the daemon ended: " + DescribeWaitStatus(*status);
+        *status == 0 ? Say(reply, how) : void(Fail(*reply, how));
+    } else if (DaemonWaitsForService(device) && last_retry != lines.rend() &&
+               StartsWith(last_retry->text, kRetryPrefix + std::string(" after "))) {
+        Fail(*reply,
+             "the daemon still waits for the event service: its readiness task is in its "
+             "one-minute pause");
+    } else {
+        Fail(*reply, StringPrintf("the daemon (pid %d) still runs after %lld ms",
+                                  device.DaemonPid(), static_cast<long long>(timeout.count())));
+    }
+}
+
+OwnerReply Up(SimulatedDevice& device, const Args& args) {
+    OwnerReply reply;
+    const bool active = Contains(args, "--active");
+    for (const std::string& file : {device.LogPath(), device.EventsPath()}) {
+        (void)rename(file.c_str(), (file + ".old").c_str());
+    }
+    if (std::string failure = device.Start(active); !failure.empty()) {
+        reply.owner_ends = true;  // a device that did not come up needs no owner
+        return Fail(reply, "up failed: " + failure);
+    }
+    Say(&reply, StringPrintf("up in %s: attribute %s/sysfs/log, event service %s, daemon pid %d",
+                             device.StateDir().c_str(), device.RunDir().c_str(),
+                             active ? "active" : "inactive", device.DaemonPid()));
+    return reply;
+}
+
+OwnerReply StartDaemon(SimulatedDevice& device, const Args& args) {
+    OwnerReply reply;
+    const bool with_attribute = !Contains(args, "--no-attribute");
+    if (device.DaemonRunning()) {
+        return Fail(reply, StringPrintf("the daemon already runs (pid %d)", device.DaemonPid()));
+    }
+    std::string failure = device.StartDaemon(with_attribute);
+    if (std::optional<int> status = device.WaitForDaemonExit(0ms); status) {
+        failure += (failure.empty() ? "the daemon ended: " : "; the daemon ended: ") +
+                   DescribeWaitStatus(*status) + " (see tavi-device logs)";
+    }
+    if (!failure.empty()) return Fail(reply, failure);
+    Say(&reply, StringPrintf("daemon started (pid %d)%s", device.DaemonPid(),
+                             with_attribute ? ", polling" : " without the attribute"));
+    return reply;
+}
+
+OwnerReply Inject(SimulatedDevice& device, const Args& args) {
+    OwnerReply reply;
+    const bool raw = args[0] == "--raw";
+    const bool daemon_runs = device.DaemonRunning();
+    for (auto record = args.begin() + (raw ? 1 : 0); record != args.end(); ++record) {
+        const size_t events_before = device.CountRecords("event");
+        const size_t first_line = device.Log().Lines().size();
+        if (!device.Inject(RecordBytes(*record, raw))) {
+            Fail(reply, "could not write '" + *record + "' to the attribute");
+        } else if (daemon_runs) {
+            ReportOutcome(device, *record, first_line, events_before, &reply);
+            if (!device.DaemonRunning()) break;
+        }
+    }
+    if (!daemon_runs) {
+        return Fail(reply, StringPrintf("no daemon runs; the attribute holds %d pending "
+                                        "record(s) until one starts",
+                                        device.PendingCount()));
+    }
+    return reply;
+}
+
+OwnerReply Service(SimulatedDevice& device, const Args& args) {
+    OwnerReply reply;
+    std::string answer;
+    const bool done = device.ServiceControl(args, &answer);
+    answer = android::base::Trim(answer);
+    if (!done) {
+        if (StartsWith(answer, "error: ")) answer = answer.substr(strlen("error: "));
+        return Fail(reply, answer.empty() ? "the event service does not answer" : answer);
+    }
+    Say(&reply, answer);
+    if (args[0] == "active" && DaemonWaitsForService(device)) {
+        Say(&reply, "the daemon can end now that the service is active");
+        WaitForDaemonEnd(device, std::chrono::seconds(kDefaultStopSeconds), &reply);
+    }
+    return reply;
+}
+
+OwnerReply StopDaemon(SimulatedDevice& device, const Args& args) {
+    OwnerReply reply;
+    if (!device.DaemonRunning()) return Fail(reply, "the daemon is not running");
+    int seconds = kDefaultStopSeconds;
+    auto timeout = std::find(args.begin(), args.end(), "--timeout");
+    if (timeout != args.end()) android::base::ParseInt(*(timeout + 1), &seconds);
+    const int signal_number = Contains(args, "INT") ? SIGINT : SIGTERM;
+    Say(&reply, StringPrintf("sending SIG%s to the daemon (pid %d)", sigabbrev_np(signal_number),
+                             device.DaemonPid()));
+    device.SignalDaemon(signal_number);
+    WaitForDaemonEnd(device, std::chrono::seconds(seconds), &reply);
+    return reply;
+}
+
+OwnerReply Restart(SimulatedDevice& device, const Args& args) {
+    OwnerReply reply;
+    if (device.DaemonRunning()) {
+        reply = StopDaemon(device, args);
+        if (device.DaemonRunning()) return Fail(reply, "not restarted: the daemon still runs");
+    }
+    OwnerReply started = StartDaemon(device, {});
+    return {started.status, reply.out + started.out, reply.err + started.err};
+}
+
+OwnerReply Status(SimulatedDevice& device, const Args& /*args*/) {
+    std::string service = "stopped", cache = "none";
+    if (device.ServiceRunning()) device.ServiceControl({"status"}, &service);
+    std::string daemon = StringPrintf("running (pid %d)", device.DaemonPid());
+    if (DaemonWaitsForService(device)) daemon += ", past its end: waits for the event service";
+    if (std::optional<int> status = device.WaitForDaemonExit(0ms); status) {
+        daemon = "ended: " + DescribeWaitStatus(*status);
+    } else if (device.DaemonPid() < 0) {
+        daemon = "not started";
+    }
+    if (access(device.CachePath().c_str(), F_OK) == 0) {
+        DescribeCacheFile(device.CachePath(), &cache);
+    }
+    const std::string attribute =
+            device.AttributeMounted()
+                    ? StringPrintf("mounted, %d record(s) pending", device.PendingCount())
+                    : "not mounted";
+    return {0, StringPrintf("state folder   %s\nattribute      %s\nevent service  %s\n"
+                            "daemon         %s\ncache file     %s\n",
+                            device.StateDir().c_str(), attribute.c_str(),
+                            android::base::Split(service, "\n")[0].c_str(), daemon.c_str(),
+                            android::base::Split(cache, "\n")[0].c_str())};
+}
+
+OwnerReply Down(SimulatedDevice& device, const Args& /*args*/) {
+    OwnerReply reply;
+    if (device.DaemonRunning()) {
+        reply = StopDaemon(device, {"--timeout", "5"});
+        if (DaemonWaitsForService(device) && device.SetServiceActive(true)) {
+            Say(&reply, "made the event service active for it");
+            WaitForDaemonEnd(device, 5s, &reply);
+        }
+        // Whatever still holds it, its cache was saved before.
+        if (device.SignalDaemon(SIGKILL)) device.WaitForDaemonExit(5s);
+    }
+    device.StopService();
+    device.StopAttribute();
+    Say(&reply, "down; persist/ stays in " + device.PersistDir());
+    return {0, reply.out, reply.err, /*owner_ends=*/true};
+}
+
+std::string CheckCommand(const Args& words) {
+    const std::string& command = words[0];
+    const Args args(words.begin() + 1, words.end());
+    if (kCommands.count(command) == 0) return "unknown command '" + command + "'";
     if (command == "inject") {
         const size_t first = !args.empty() && args[0] == "--raw" ? 1 : 0;
         return args.size() > first ? "" : "inject needs at least one RECORD";
@@ -112,110 +382,11 @@ std::string CheckArguments(const std::string& command, const std::vector<std::st
     return "";
 }
 
-void Say(OwnerReply* reply, const std::string& line) {
-    reply->out += line + "\n";
-}
-
-OwnerReply Fail(OwnerReply reply, const std::string& line) {
-    reply.err += "tavi-device: " + line + "\n";
-    reply.status = kExitFailure;
-    return reply;
-}
-
-// A RECORD argument as the bytes to write.
-std::string RecordBytes(const std::string& word, bool raw) {
-    if (!raw) return word + "\n";
-    static const std::map<char, char> kEscapes = {
-            {'n', '\n'}, {'r', '\r'}, {'t', '\t'}, {'0', '\0'}, {'\\', '\\'}};
-    std::string bytes;
-    for (size_t i = 0; i < word.size(); ++i) {
-        auto escape = word[i] == '\\' ? kEscapes.find(word[i + 1]) : kEscapes.end();
-        bytes += escape == kEscapes.end() ? word[i] : (++i, escape->second);
-    }
-    return bytes;
-}
-
-bool IsOutcome(const std::string& text) {
-    return std::any_of(std::begin(kOutcomePrefixes), std::end(kOutcomePrefixes),
-                       [&](const char* prefix) { return StartsWith(text, prefix); });
-}
-
-// The first line from `first` on that tells what became of a record, or -1. A cache flush
-// replays other records; `sends` counts its sends before the line found.
-int FindOutcome(const std::vector<LogLine>& lines, size_t first, size_t* sends) {
-    bool flushing = false;
-    *sends = 0;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string& text = lines[i].text;
-        flushing = text == "Cache flush starting" || (flushing && text != "Cache flush ended");
-        if (i < first) continue;
-        if (!flushing && IsOutcome(text)) return static_cast<int>(i);
-        *sends += StartsWith(text, kSentPrefix) ? 1 : 0;
-    }
-    return -1;
-}
-
-// The first line from `first` on that starts with `prefix`, or -1.
-int FindFrom(const std::vector<LogLine>& lines, size_t first, const std::string& prefix) {
-    for (size_t i = first; i < lines.size(); ++i) {
-        if (StartsWith(lines[i].text, prefix)) return static_cast<int>(i);
-    }
-    return -1;
-}
-
-int SignalNumber(const std::vector<std::string>& args) {
-    return Contains(args, "INT") ? SIGINT : SIGTERM;
-}
-
-}  // namespace
-
-std::string Usage() {
-    return kUsage;
-}
-
-std::string Visible(std::string text) {
-    static const char* const kControls[][2] = {{"\n", "\\n"}, {"\r", "\\r"}, {"\t", "\\t"}};
-    for (const auto& control : kControls) {
-        text = android::base::StringReplace(text, control[0], control[1], true);
-    }
-    return text;
-}
-
-std::string CheckCommand(const std::vector<std::string>& words) {
-    if (kCommands.count(words[0]) == 0) return "unknown command '" + words[0] + "'";
-    return CheckArguments(words[0], {words.begin() + 1, words.end()});
-}
-
 bool NeedsDevice(const std::string& command) {
-    return Contains(
-            {"start-daemon", "inject", "service", "stop-daemon", "restart", "status", "down"},
-            command);
+    return !Contains({"up", "logs", "events", "cache", "demo", "help"}, command);
 }
 
-std::string ShellQuote(const std::vector<std::string>& words) {
-    std::vector<std::string> quoted;
-    for (const std::string& word : words) {
-        const bool plain =
-                !word.empty() && word.find_first_not_of(
-                                         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRS"
-                                         "TUVWXYZ0123456789,._/:=@%+-") == std::string::npos;
-        quoted.push_back(
-                plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
-    }
-    return android::base::Join(quoted, ' ');
-}
-
-std::string DescribeRecord(const nlohmann::json& record) {
-    std::string text = record.value("kind", "?");
-    for (const auto& [key, value] : record.items()) {
-        if (key == "kind" || key == "time" || key == "fields") continue;
-        text += " " + key + "=" + (value.is_string() ? value.get<std::string>() : value.dump());
-    }
-    if (record.contains("fields")) text += " fields=" + record["fields"].dump();
-    return text;
-}
-
-OwnerReply ShowState(const std::vector<std::string>& words, const std::string& state_dir) {
+OwnerReply ShowState(const Args& words, const std::string& state_dir) {
     const std::string& command = words[0];
     const std::string path = state_dir + (command == "logs"     ? "/daemon.log"
                                           : command == "events" ? "/events.jsonl"
@@ -238,250 +409,133 @@ OwnerReply ShowState(const std::vector<std::string>& words, const std::string& s
     return reply;
 }
 
-OwnerReply DeviceCommands::Up(const std::vector<std::string>& words) {
-    OwnerReply reply;
-    const bool active = Contains(words, "--active");
-    for (const std::string& file : {device_.LogPath(), device_.EventsPath()}) {
-        (void)rename(file.c_str(), (file + ".old").c_str());
-    }
-    std::string failure = device_.Start(active);
-    if (!failure.empty()) return Fail(reply, "up failed: " + failure);
-    Say(&reply, StringPrintf("up in %s: attribute %s/sysfs/log, event service %s, daemon pid %d",
-                             device_.StateDir().c_str(), device_.RunDir().c_str(),
-                             active ? "active" : "inactive", device_.DaemonPid()));
-    return reply;
+std::string FromEnvironment(const char* name, const char* fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : fallback;
 }
 
-OwnerReply DeviceCommands::Run(const std::vector<std::string>& words) {
-    const std::string& command = words[0];
-    const std::vector<std::string> args(words.begin() + 1, words.end());
-    if (command == "start-daemon") return StartDaemon(args);
-    if (command == "inject") return Inject(args);
-    if (command == "service") return Service(args);
-    if (command == "stop-daemon") return StopDaemon(args);
-    if (command == "restart") return Restart(args);
-    if (command == "status") return Status();
-    if (command == "down") return Down();
-    return Fail({}, "unknown command '" + command + "'");
+int Print(const OwnerReply& reply) {
+    fputs(reply.out.c_str(), stdout);
+    fputs(reply.err.c_str(), stderr);
+    return reply.status;
 }
 
-OwnerReply DeviceCommands::StartDaemon(const std::vector<std::string>& args) {
-    OwnerReply reply;
-    const bool with_attribute = !Contains(args, "--no-attribute");
-    if (device_.DaemonRunning()) {
-        return Fail(reply, StringPrintf("the daemon already runs (pid %d)", device_.DaemonPid()));
-    }
-    std::string failure = device_.StartDaemon(with_attribute);
-    if (std::optional<int> status = device_.WaitForDaemonExit(0ms); status) {
-        failure += (failure.empty() ? "the daemon ended: " : "; the daemon ended: ") +
-                   DescribeWaitStatus(*status) + " (see tavi-device logs)";
-    }
-    if (!failure.empty()) return Fail(reply, failure);
-    Say(&reply, StringPrintf("daemon started (pid %d)%s", device_.DaemonPid(),
-                             with_attribute ? ", polling" : " without the attribute"));
-    return reply;
+int PrintError(const std::string& message) {
+    return Print({kExitFailure, "", "tavi-device: " + message + "\n"});
 }
 
-OwnerReply DeviceCommands::Inject(const std::vector<std::string>& args) {
-    OwnerReply reply;
-    const bool raw = args[0] == "--raw";
-    const std::vector<std::string> records(args.begin() + (raw ? 1 : 0), args.end());
-    const bool daemon_runs = device_.DaemonRunning();
-    for (const std::string& record : records) {
-        const size_t events_before = device_.CountRecords("event");
-        const size_t first_line = device_.Log().Lines().size();
-        if (!device_.Inject(RecordBytes(record, raw))) {
-            reply = Fail(reply, "could not write '" + record + "' to the attribute");
-        } else if (daemon_runs && !ReportOutcome(record, first_line, events_before, &reply)) {
-            reply.status = kExitFailure;
-            if (!device_.DaemonRunning()) break;
+int BringUp(const std::vector<std::string>& words, const std::string& state_dir,
+            const Binaries& binaries) {
+    const std::string socket = state_dir + "/owner.sock";
+    if (AskOwner(socket, {"status"})) {
+        return PrintError("already up in " + state_dir + "; run 'tavi-device down' first");
+    }
+    if (std::string reason = SimulatedDevice::Availability(binaries); !reason.empty()) {
+        return PrintError(reason);
+    }
+    mkdir(state_dir.c_str(), 0755);
+    // The device lives in the owner; a reply that ends the owner ends it first.
+    std::optional<SimulatedDevice> device;
+    auto handle = [&](const std::vector<std::string>& request) {
+        if (!device) device.emplace(state_dir, binaries);
+        OwnerReply reply = RunCommand(*device, request);
+        if (reply.owner_ends) device.reset();
+        return reply;
+    };
+    return Print(StartOwner(socket, state_dir + "/owner.log", handle, words));
+}
+
+// `logs -f`: the daemon's log as it grows, until interrupted.
+int FollowLog(const std::string& state_dir) {
+    const std::string path = state_dir + "/daemon.log";
+    for (size_t shown = 0;; std::this_thread::sleep_for(200ms)) {
+        std::string text;
+        android::base::ReadFileToString(path, &text);
+        if (text.size() < shown) shown = 0;  // moved aside by a new `up`
+        fputs(text.substr(shown).c_str(), stdout);
+        (void)fflush(stdout);
+        shown = text.size();
+    }
+}
+
+int Main(const std::vector<std::string>& words) {
+    if (words.empty()) return Print({kExitUsage, "", kUsage});
+    if (words[0] == "help" || words[0] == "--help" || words[0] == "-h") return Print({0, kUsage});
+    if (std::string error = CheckCommand(words); !error.empty()) {
+        return Print({kExitUsage, "",
+                      "tavi-device: " + error +
+                              "\ntavi-device: 'tavi-device help' lists the commands\n"});
+    }
+    // Absolute, since the owner outlives the caller's working folder.
+    std::error_code error;
+    const std::string state_dir = std::filesystem::absolute(
+            FromEnvironment("TAVI_DEVICE_STATE", "/var/lib/tavi-device"), error);
+    const Binaries binaries =
+            Binaries::InBuildDir(FromEnvironment("TAVI_BUILD_DIR", TAVI_DEFAULT_BUILD_DIR));
+    if (NeedsDevice(words[0])) {
+        if (std::optional<OwnerReply> reply = AskOwner(state_dir + "/owner.sock", words)) {
+            return Print(*reply);
         }
-    }
-    if (!daemon_runs) {
-        return Fail(reply, StringPrintf("no daemon runs; the attribute holds %d pending "
-                                        "record(s) until one starts",
-                                        device_.PendingCount()));
-    }
-    return reply;
-}
-
-bool DeviceCommands::ReportOutcome(const std::string& shown, size_t first_line,
-                                   size_t events_before, OwnerReply* reply) {
-    LogReader& log = device_.Log();
-    int found = -1;
-    size_t flushed_sends = 0;
-    WaitUntil(
-            [&] {
-                found = FindOutcome(log.Lines(), first_line, &flushed_sends);
-                return found >= 0 || !device_.DaemonRunning();
-            },
-            kOutcomeTimeout);
-    if (found < 0 && !device_.DaemonRunning()) {
-        *reply = Fail(*reply, "the daemon ended on '" + shown +
-                                      "': " + DescribeWaitStatus(*device_.WaitForDaemonExit(0ms)));
-        return false;
-    }
-    if (found < 0) {
-        *reply = Fail(*reply, "no outcome logged for '" + shown + "' within 3 s (a category " +
-                                      "that no handler takes?)");
-        return false;
-    }
-    const std::string line = log.Lines()[found].text;
-    if (StartsWith(line, kCachedPrefix)) {
-        const bool full = WaitUntil(
-                [&] { return FindFrom(log.Lines(), found, kCacheFullLine) >= 0; }, kCacheFullGrace);
-        Say(reply, shown + ": " + (full ? "refused at the cache limit" : "kept in the cache"));
-        return true;
-    }
-    if (!StartsWith(line, kSentPrefix)) {
-        *reply = Fail(*reply, "the daemon rejected '" + shown + "': " + Visible(line));
-        return false;
-    }
-    // Events come in the order of the daemon's sends; a refused one too.
-    const size_t index = events_before + flushed_sends;
-    WaitUntil([&] { return device_.CountRecords("event") > index; }, kOutcomeTimeout);
-    const std::vector<nlohmann::json> events = device_.Records("event");
-    if (events.size() <= index) {
-        Say(reply, shown + ": sent, but the service shows no event");
-    } else if (const int rc = events[index].value("rc", 0); rc != 0) {
-        Say(reply, shown + ": refused by the service with return code " + std::to_string(rc));
-    } else {
-        Say(reply, shown + ": delivered as event #" + events[index]["seq"].dump() + " " +
-                           events[index].value("probe", ""));
-    }
-    return true;
-}
-
-OwnerReply DeviceCommands::Service(const std::vector<std::string>& args) {
-    OwnerReply reply;
-    std::string answer;
-    const bool done = device_.ServiceControl(args, &answer);
-    answer = android::base::Trim(answer);
-    if (!done) {
-        if (StartsWith(answer, "error: ")) answer = answer.substr(strlen("error: "));
-        return Fail(reply, answer.empty() ? "the event service does not answer" : answer);
-    }
-    Say(&reply, answer);
-    if (args[0] == "active" && DaemonWaitsForService()) {
-        Say(&reply, "the daemon can end now that the service is active");
-        WaitForDaemonEnd(std::chrono::seconds(kDefaultStopSeconds), &reply);
-    }
-    return reply;
-}
-
-OwnerReply DeviceCommands::StopDaemon(const std::vector<std::string>& args) {
-    OwnerReply reply;
-    if (!device_.DaemonRunning()) return Fail(reply, "the daemon is not running");
-    int seconds = kDefaultStopSeconds;
-    for (size_t i = 0; i + 1 < args.size(); ++i) {
-        if (args[i] == "--timeout") android::base::ParseInt(args[i + 1], &seconds);
-    }
-    const int signal_number = SignalNumber(args);
-    Say(&reply, StringPrintf("sending SIG%s to the daemon (pid %d)", sigabbrev_np(signal_number),
-                             device_.DaemonPid()));
-    device_.SignalDaemon(signal_number);
-    WaitForDaemonEnd(std::chrono::seconds(seconds), &reply);
-    return reply;
-}
-
-void DeviceCommands::WaitForDaemonEnd(milliseconds timeout, OwnerReply* reply) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (device_.DaemonRunning() && std::chrono::steady_clock::now() < deadline) {
-        // Past its end line only the readiness task holds the daemon; it ends once the
-        // service is active.
-        if (DaemonWaitsForService() && !ServiceActive()) {
-            Say(reply,
-                "the daemon has saved its cache and waits for the event service; make "
-                "it active to let it end: tavi-device service active");
-            return;
+        if (words[0] == "down" || words[0] == "status") {
+            return Print({0, "nothing is up in " + state_dir + "\n"});
         }
-        std::this_thread::sleep_for(100ms);
+        return PrintError("the device is not up in " + state_dir + "; run 'tavi-device up' first");
     }
-    if (std::optional<int> status = device_.WaitForDaemonExit(0ms); status) {
-        const std::string how = "the daemon ended: " + DescribeWaitStatus(*status);
-        *status == 0 ? Say(reply, how) : void(*reply = Fail(*reply, how));
-    } else if (DaemonWaitsForService() && ReadinessPaused()) {
-        *reply = Fail(*reply,
-                      "the daemon still waits for the event service: its readiness "
-                      "task is in its one-minute pause");
-    } else {
-        *reply = Fail(*reply,
-                      StringPrintf("the daemon (pid %d) still runs after %lld ms",
-                                   device_.DaemonPid(), static_cast<long long>(timeout.count())));
+    if (words[0] == "up") return BringUp(words, state_dir, binaries);
+    if (words[0] == "demo") return RunDemo(state_dir, binaries);
+    if (words.size() == 2) return FollowLog(state_dir);  // logs -f
+    return Print(ShowState(words, state_dir));
+}
+
+}  // namespace
+
+OwnerReply RunCommand(SimulatedDevice& device, const Args& words) {
+    using Handler = OwnerReply (*)(SimulatedDevice&, const Args&);
+    static const std::map<std::string, Handler> kHandlers = {{"up", Up},
+                                                             {"start-daemon", StartDaemon},
+                                                             {"inject", Inject},
+                                                             {"service", Service},
+                                                             {"stop-daemon", StopDaemon},
+                                                             {"restart", Restart},
+                                                             {"status", Status},
+                                                             {"down", Down}};
+    auto handler = kHandlers.find(words[0]);
+    if (handler == kHandlers.end()) return ShowState(words, device.StateDir());
+    return handler->second(device, {words.begin() + 1, words.end()});
+}
+
+std::string ShellQuote(const Args& words) {
+    std::vector<std::string> quoted;
+    for (const std::string& word : words) {
+        const bool plain = !word.empty() && word.find_first_not_of(kUnquoted) == std::string::npos;
+        quoted.push_back(
+                plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
     }
+    return android::base::Join(quoted, ' ');
 }
 
-bool DeviceCommands::DaemonWaitsForService() {
-    return device_.DaemonRunning() && device_.Log().IndexOf(kEndedLine) >= 0;
-}
-
-bool DeviceCommands::ReadinessPaused() {
-    const std::vector<LogLine>& lines = device_.Log().Lines();
-    auto last = std::find_if(lines.rbegin(), lines.rend(), [](const LogLine& line) {
-        return StartsWith(line.text, kRetryPrefix);
-    });
-    return last != lines.rend() && StartsWith(last->text, kPausePrefix);
-}
-
-bool DeviceCommands::ServiceActive() {
-    std::string answer;
-    return device_.ServiceControl({"status"}, &answer) && StartsWith(answer, "state active");
-}
-
-OwnerReply DeviceCommands::Restart(const std::vector<std::string>& args) {
-    OwnerReply reply;
-    if (device_.DaemonRunning()) {
-        reply = StopDaemon(args);
-        if (device_.DaemonRunning()) return Fail(reply, "not restarted: the daemon still runs");
+std::string Visible(std::string text) {
+    static const char* const kControls[][2] = {{"\n", "\\n"}, {"\r", "\\r"}, {"\t", "\\t"}};
+    for (const auto& control : kControls) {
+        text = android::base::StringReplace(text, control[0], control[1], true);
     }
-    OwnerReply started = StartDaemon({});
-    return {started.status, reply.out + started.out, reply.err + started.err};
+    return text;
 }
 
-OwnerReply DeviceCommands::Status() {
-    OwnerReply reply;
-    std::string service;
-    device_.ServiceControl({"status"}, &service);
-    Say(&reply, "state folder   " + device_.StateDir());
-    Say(&reply, device_.AttributeMounted()
-                        ? StringPrintf("attribute      mounted, %d record(s) pending",
-                                       device_.PendingCount())
-                        : "attribute      not mounted");
-    Say(&reply,
-        "event service  " + (device_.ServiceRunning() ? android::base::Split(service, "\n")[0]
-                                                      : std::string("stopped")));
-    std::string daemon = StringPrintf("running (pid %d)", device_.DaemonPid());
-    if (DaemonWaitsForService()) daemon += ", past its end: waits for the event service";
-    if (std::optional<int> status = device_.WaitForDaemonExit(0ms); status) {
-        daemon = "ended: " + DescribeWaitStatus(*status);
-    } else if (device_.DaemonPid() < 0) {
-        daemon = "not started";
+std::string DescribeRecord(const nlohmann::json& record) {
+    std::string text = record.value("kind", "?");
+    for (const auto& [key, value] : record.items()) {
+        if (key == "kind" || key == "time" || key == "fields") continue;
+        text += " " + key + "=" + (value.is_string() ? value.get<std::string>() : value.dump());
     }
-    Say(&reply, "daemon         " + daemon);
-    const std::string cache_path = device_.CachePath();
-    std::string cache = "none";
-    if (access(cache_path.c_str(), F_OK) == 0) DescribeCacheFile(cache_path, &cache);
-    Say(&reply, "cache file     " + android::base::Split(cache, "\n")[0]);
-    return reply;
-}
-
-OwnerReply DeviceCommands::Down() {
-    OwnerReply reply;
-    if (device_.DaemonRunning()) {
-        reply = StopDaemon({"--timeout", "5"});
-        if (DaemonWaitsForService() && device_.SetServiceActive(true)) {
-            Say(&reply, "made the event service active for it");
-            WaitForDaemonEnd(kDownTimeout, &reply);
-        }
-        // Whatever still holds it, its cache was saved before.
-        if (device_.SignalDaemon(SIGKILL)) device_.WaitForDaemonExit(kDownTimeout);
-    }
-    device_.StopService();
-    device_.StopAttribute();
-    Say(&reply, "down; persist/ stays in " + device_.PersistDir());
-    reply.status = 0;
-    reply.owner_ends = true;
-    return reply;
+    if (record.contains("fields")) text += " fields=" + record["fields"].dump();
+    return text;
 }
 
 }  // namespace vendor::vesk::tavi::sim
+
+int main(int argc, char** argv) {
+    // A reply to a caller that went away must not end the owner or the caller.
+    (void)signal(SIGPIPE, SIG_IGN);
+    return vendor::vesk::tavi::sim::Main({argv + 1, argv + argc});
+}
