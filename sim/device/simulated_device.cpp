@@ -33,13 +33,10 @@ std::string ReadFrom(const std::string& path, size_t offset) {
 // The whole lines appended past `offset`, which moves past them; a line still being written
 // waits for the next call.
 std::vector<std::string> NewLines(const std::string& path, size_t& offset) {
-    const std::string text = ReadFrom(path, offset);
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(text.substr(start, end - start));
-    }
-    offset += start;
+    std::vector<std::string> lines = android::base::Split(ReadFrom(path, offset), "\n");
+    for (const std::string& line : lines) offset += line.size() + 1;
+    offset -= lines.back().size() + 1;
+    lines.pop_back();
     return lines;
 }
 
@@ -142,24 +139,24 @@ const std::vector<LogLine>& LogReader::Lines() {
 
 std::vector<LogLine> LogReader::LinesReading(const std::string& text) {
     std::vector<LogLine> matching;
-    for (const LogLine& line : Lines()) {
-        if (line.text == text) matching.push_back(line);
-    }
+    const std::vector<LogLine>& lines = Lines();
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(matching),
+                 [&](const LogLine& line) { return line.text == text; });
     return matching;
 }
 
 size_t LogReader::CountStartingWith(const std::string& prefix) {
-    size_t count = 0;
-    for (const LogLine& line : Lines()) count += android::base::StartsWith(line.text, prefix);
-    return count;
+    const std::vector<LogLine>& lines = Lines();
+    return std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
+        return android::base::StartsWith(line.text, prefix);
+    });
 }
 
 int LogReader::IndexOf(const std::string& text) {
     const std::vector<LogLine>& lines = Lines();
-    for (size_t i = 0; i < lines.size(); ++i) {
-        if (lines[i].text == text) return static_cast<int>(i);
-    }
-    return -1;
+    const auto found = std::find_if(lines.begin(), lines.end(),
+                                    [&](const LogLine& line) { return line.text == text; });
+    return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
 }
 
 bool LogReader::WaitForLine(const std::string& text, milliseconds timeout) {
@@ -218,10 +215,6 @@ std::string SimulatedDevice::StartService(bool active) {
     }
     if (!failure.empty()) StopService();
     return failure;
-}
-
-void SimulatedDevice::StopService() {
-    service_.Stop(SIGTERM, 3s);
 }
 
 std::string SimulatedDevice::StartDaemon(bool with_attribute) {
