@@ -133,9 +133,8 @@ class Bench {
 
     // Empty once the device runs and the daemon is connected; otherwise what failed.
     std::string Start() {
-        if (std::string failure = device_.StartAttribute(); !failure.empty()) return failure;
-        if (std::string failure = device_.StartService(true); !failure.empty()) return failure;
-        return StartDaemon();
+        const std::string failure = device_.Start(/*service_active=*/true);
+        return failure.empty() ? Connected() : failure;
     }
 
     int Run() {
@@ -171,14 +170,11 @@ class Bench {
         ok_ = false;
     }
 
-    std::string StartDaemon() {
-        if (std::string failure = device_.StartDaemon(); !failure.empty()) return failure;
-        // Ready once the readiness task has woken the poll loop (its thread is then gone).
-        if (!device_.Log().WaitForLine(
-                    "poll() is interrupted by a client, calling interrupt callback", 15s)) {
-            return "the daemon did not connect (see " + device_.LogPath() + ")";
-        }
-        return "";
+    // Empty once the readiness task has woken the poll loop (its thread is then gone).
+    std::string Connected() {
+        const bool woken = device_.Log().WaitForLine(
+                "poll() is interrupted by a client, calling interrupt callback", 15s);
+        return woken ? "" : "the daemon did not connect (see " + device_.LogPath() + ")";
     }
 
     bool Inject(int record) {
@@ -353,9 +349,9 @@ class Bench {
             return Fail("e2e full cache: cannot write " + device_.CachePath());
         }
         const auto start = std::chrono::steady_clock::now();
-        if (std::string failure = StartDaemon(); !failure.empty()) {
-            return Fail("e2e full cache: " + failure);
-        }
+        std::string failure = device_.StartDaemon();
+        if (failure.empty()) failure = Connected();
+        if (!failure.empty()) return Fail("e2e full cache: " + failure);
         if (!device_.Log().WaitForLine("Cache flush ended", 60s)) {
             Fail("e2e full cache: no flush within 60 s");
         }
