@@ -24,6 +24,7 @@ namespace {
 
 std::vector<char*> CStrings(std::vector<std::string>& strings) {
     std::vector<char*> pointers;
+    pointers.reserve(strings.size() + 1);
     for (std::string& string : strings) pointers.push_back(string.data());
     pointers.push_back(nullptr);
     return pointers;

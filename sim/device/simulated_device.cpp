@@ -128,11 +128,9 @@ const std::vector<LogLine>& LogReader::Lines() {
     const auto now = std::chrono::steady_clock::now();
     for (std::string& line : NewLines(path_, offset_)) {
         const size_t space = line.find(' '), text_start = line.find("] ");
-        if (space == std::string::npos || text_start == std::string::npos) {
-            lines_.push_back({'?', std::move(line), now});
-        } else {
-            lines_.push_back({line[space + 1], line.substr(text_start + 2), now});
-        }
+        const bool parsed = space != std::string::npos && text_start != std::string::npos;
+        lines_.push_back({parsed ? line[space + 1] : '?',
+                          parsed ? line.substr(text_start + 2) : std::move(line), now});
     }
     return lines_;
 }
@@ -146,10 +144,9 @@ std::vector<LogLine> LogReader::LinesReading(const std::string& text) {
 }
 
 size_t LogReader::CountStartingWith(const std::string& prefix) {
-    const std::vector<LogLine>& lines = Lines();
-    return std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
-        return android::base::StartsWith(line.text, prefix);
-    });
+    size_t count = 0;
+    for (const LogLine& line : Lines()) count += android::base::StartsWith(line.text, prefix);
+    return count;
 }
 
 int LogReader::IndexOf(const std::string& text) {
