@@ -22,8 +22,6 @@ extern char** environ;
 namespace vendor::vesk::tavi::sim {
 namespace {
 
-using android::base::unique_fd;
-
 std::vector<char*> CStrings(std::vector<std::string>& strings) {
     std::vector<char*> pointers;
     pointers.reserve(strings.size() + 1);
@@ -32,12 +30,11 @@ std::vector<char*> CStrings(std::vector<std::string>& strings) {
     return pointers;
 }
 
-// Child side, async-signal-safe calls only: writes why it gives up and ends.
+// Between fork and exec only async-signal-safe calls: says why the child gives up and ends.
 [[noreturn]] void Fail(const char* what) {
-    const char prefix[] = "simulated device: ";
-    (void)!write(STDERR_FILENO, prefix, sizeof(prefix) - 1);
-    (void)!write(STDERR_FILENO, what, strlen(what));
-    (void)!write(STDERR_FILENO, "\n", 1);
+    for (const char* piece : {"simulated device: ", what, "\n"}) {
+        (void)!write(STDERR_FILENO, piece, strlen(piece));
+    }
     _exit(126);
 }
 
@@ -50,17 +47,16 @@ void MakeDirOrFail(const char* path) {
     if (mkdir(path, 0755) != 0 && errno != EEXIST) Fail(path);
 }
 
-// Child side: the device's layout in a mount namespace of its own, private so that nothing
-// mounted here shows on the host.
+// The device's layout in a mount namespace of its own, private so that nothing mounted here
+// shows on the host.
 void EnterDeviceNamespace(const DeviceMounts& mounts) {
     if (unshare(CLONE_NEWNS) != 0) Fail("unshare(CLONE_NEWNS)");
     MountOrFail(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
     MountOrFail("tavi-sysfs", "/sys/kernel", "tmpfs", 0, "mode=0755");
     MakeDirOrFail("/sys/kernel/tavi");
     if (!mounts.attribute.empty()) {
-        int target = open("/sys/kernel/tavi/log", O_WRONLY | O_CREAT | O_CLOEXEC, 0444);
-        if (target < 0) Fail("/sys/kernel/tavi/log");
-        close(target);
+        const int target = open("/sys/kernel/tavi/log", O_WRONLY | O_CREAT | O_CLOEXEC, 0444);
+        if (target < 0 || close(target) != 0) Fail("/sys/kernel/tavi/log");
         MountOrFail(mounts.attribute.c_str(), "/sys/kernel/tavi/log", nullptr, MS_BIND, nullptr);
     }
     MountOrFail("tavi-mnt", "/mnt", "tmpfs", 0, "mode=0755");
@@ -98,18 +94,20 @@ std::string Process::Start(const std::vector<std::string>& argv, const std::stri
                            const std::vector<std::string>& env,
                            const std::optional<DeviceMounts>& mounts) {
     if (Running()) return "already running as pid " + std::to_string(pid_);
-    std::vector<std::string> args = argv;
-    std::vector<std::string> environment = env;
+    // Everything the child needs is prepared here: it may not allocate.
+    std::vector<std::string> args = argv, environment = env;
     for (char** entry = environ; *entry != nullptr; ++entry) environment.emplace_back(*entry);
-    std::vector<char*> arg_pointers = CStrings(args);
-    std::vector<char*> env_pointers = CStrings(environment);
-    unique_fd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    unique_fd out(open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    const std::vector<char*> arg_pointers = CStrings(args), env_pointers = CStrings(environment);
+    android::base::unique_fd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    android::base::unique_fd out(
+            open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!input.ok() || !out.ok()) return output + ": " + strerror(errno);
     sigset_t none;
     sigemptyset(&none);
     struct sigaction default_action {};
     default_action.sa_handler = SIG_DFL;
+    // The daemon's deliberate aborts leave no core files behind.
+    const rlimit no_core = {0, 0};
 
     const pid_t pid = fork();
     if (pid < 0) return std::string("fork(): ") + strerror(errno);
@@ -118,9 +116,8 @@ std::string Process::Start(const std::vector<std::string>& argv, const std::stri
         dup2(out.get(), STDOUT_FILENO);
         dup2(out.get(), STDERR_FILENO);
         close_range(STDERR_FILENO + 1, ~0U, 0);
-        // The daemon's deliberate aborts leave no core files behind.
-        const rlimit no_core = {0, 0};
         setrlimit(RLIMIT_CORE, &no_core);
+        // As init starts a service: every signal at its default action, none blocked.
         for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
             sigaction(signal_number, &default_action, nullptr);
         }
@@ -139,8 +136,7 @@ bool Process::Running() {
     int status = 0;
     const pid_t reaped = waitpid(pid_, &status, WNOHANG);
     if (reaped == 0) return true;
-    // ECHILD: reaped elsewhere; nothing more to learn about it.
-    status_ = reaped == pid_ ? status : -1;
+    status_ = reaped == pid_ ? status : -1;  // -1: reaped elsewhere (ECHILD)
     return false;
 }
 
@@ -154,9 +150,7 @@ std::optional<int> Process::Wait(milliseconds timeout) {
 }
 
 std::optional<int> Process::Stop(int signal_number, milliseconds grace) {
-    if (!Running()) return status_;
-    kill(pid_, signal_number);
-    if (Wait(grace)) return status_;
+    if (!Signal(signal_number) || Wait(grace)) return status_;
     kill(pid_, SIGKILL);
     int status = 0;
     status_ = waitpid(pid_, &status, 0) == pid_ ? status : -1;

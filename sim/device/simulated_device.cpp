@@ -33,13 +33,10 @@ std::string ReadFrom(const std::string& path, size_t offset) {
 // The whole lines appended past `offset`, which moves past them; a line still being written
 // waits for the next call.
 std::vector<std::string> NewLines(const std::string& path, size_t& offset) {
-    const std::string text = ReadFrom(path, offset);
-    std::vector<std::string> lines;
-    size_t start = 0;
-    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-        lines.push_back(text.substr(start, end - start));
-    }
-    offset += start;
+    std::vector<std::string> lines = android::base::Split(ReadFrom(path, offset), "\n");
+    for (const std::string& line : lines) offset += line.size() + 1;
+    offset -= lines.back().size() + 1;
+    lines.pop_back();
     return lines;
 }
 
@@ -131,20 +128,18 @@ const std::vector<LogLine>& LogReader::Lines() {
     const auto now = std::chrono::steady_clock::now();
     for (std::string& line : NewLines(path_, offset_)) {
         const size_t space = line.find(' '), text_start = line.find("] ");
-        if (space == std::string::npos || text_start == std::string::npos) {
-            lines_.push_back({'?', std::move(line), now});
-        } else {
-            lines_.push_back({line[space + 1], line.substr(text_start + 2), now});
-        }
+        const bool parsed = space != std::string::npos && text_start != std::string::npos;
+        lines_.push_back({parsed ? line[space + 1] : '?',
+                          parsed ? line.substr(text_start + 2) : std::move(line), now});
     }
     return lines_;
 }
 
 std::vector<LogLine> LogReader::LinesReading(const std::string& text) {
     std::vector<LogLine> matching;
-    for (const LogLine& line : Lines()) {
-        if (line.text == text) matching.push_back(line);
-    }
+    const std::vector<LogLine>& lines = Lines();
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(matching),
+                 [&](const LogLine& line) { return line.text == text; });
     return matching;
 }
 
@@ -156,10 +151,9 @@ size_t LogReader::CountStartingWith(const std::string& prefix) {
 
 int LogReader::IndexOf(const std::string& text) {
     const std::vector<LogLine>& lines = Lines();
-    for (size_t i = 0; i < lines.size(); ++i) {
-        if (lines[i].text == text) return static_cast<int>(i);
-    }
-    return -1;
+    const auto found = std::find_if(lines.begin(), lines.end(),
+                                    [&](const LogLine& line) { return line.text == text; });
+    return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
 }
 
 bool LogReader::WaitForLine(const std::string& text, milliseconds timeout) {
@@ -218,10 +212,6 @@ std::string SimulatedDevice::StartService(bool active) {
     }
     if (!failure.empty()) StopService();
     return failure;
-}
-
-void SimulatedDevice::StopService() {
-    service_.Stop(SIGTERM, 3s);
 }
 
 std::string SimulatedDevice::StartDaemon(bool with_attribute) {

@@ -30,9 +30,9 @@ struct Binaries {
     static Binaries InBuildDir(const std::string& build_dir);
 };
 
-// The device's view of the host, set up in the child between fork and exec: tmpfs over
-// /sys/kernel and /mnt, `attribute` bound at /sys/kernel/tavi/log (none when empty: the daemon
-// cannot set up its listener) and `persist_dir` bound at /mnt/vendor/persist/tavi.
+// The device's view of the host: tmpfs over /sys/kernel and /mnt, `attribute` bound at
+// /sys/kernel/tavi/log (none when empty: the daemon cannot set up its listener) and
+// `persist_dir` at /mnt/vendor/persist/tavi.
 struct DeviceMounts {
     std::string persist_dir;
     std::string attribute;
@@ -41,9 +41,9 @@ struct DeviceMounts {
 // "exited with status 0", "killed by SIGABRT (Aborted)".
 std::string DescribeWaitStatus(int wait_status);
 
-// One child process, started as init starts a service: every signal at its default action, an
-// empty signal mask, stdin from /dev/null, stdout and stderr appended to a file, no other
-// inherited descriptor and no core file. Killed and reaped on destruction.
+// A child started as init starts a service: default signal actions, an empty mask, stdin from
+// /dev/null, stdout and stderr appended to a file, no other descriptor, no core file. Killed and
+// reaped on destruction.
 class Process {
   public:
     Process() = default;
@@ -56,16 +56,13 @@ class Process {
     std::string Start(const std::vector<std::string>& argv, const std::string& output,
                       const std::vector<std::string>& env = {},
                       const std::optional<DeviceMounts>& mounts = std::nullopt);
-    // True until it has ended (reaps it then).
-    bool Running();
+    bool Running();  // reaps it once ended
     bool Signal(int signal_number);
     // The wait status once it has ended within `timeout`.
     std::optional<int> Wait(milliseconds timeout);
-    // Sends `signal_number`, then SIGKILL after `grace`; the wait status, or none if never started.
+    // Sends `signal_number`, then SIGKILL after `grace`; the wait status, none if never started.
     std::optional<int> Stop(int signal_number, milliseconds grace);
-    // The last one started; -1 before.
-    pid_t pid() const { return pid_; }
-    // Its wait status once reaped.
+    pid_t pid() const { return pid_; }  // the last one started; -1 before
     std::optional<int> status() const { return status_; }
 
   private:
@@ -81,8 +78,7 @@ class AttributeEmulator {
   public:
     ~AttributeEmulator() { Stop(); }
 
-    // Mounts at `mount_point` (an existing empty folder) and waits until the files are served;
-    // the emulator's own output goes to `output`.
+    // Mounts at `mount_point` (an existing empty folder) and waits until it is served.
     std::string Start(const std::string& binary, const std::string& mount_point,
                       const std::string& output = "/dev/null");
     // Unmounts and reaps, within seconds even if the emulator hangs; idempotent.
@@ -92,8 +88,7 @@ class AttributeEmulator {
     std::string LogPath() const { return mount_point_ + "/log"; }
     // Queues `bytes` verbatim as one record (one write(); never empty).
     bool Inject(const std::string& bytes) const;
-    // Records not yet read by the daemon; -1 when unreadable.
-    int PendingCount() const;
+    int PendingCount() const;  // records not yet read by the daemon; -1 when unreadable
     bool WaitForPendingCount(int count, milliseconds timeout) const;
 
   private:
@@ -101,27 +96,24 @@ class AttributeEmulator {
     std::string mount_point_;
 };
 
-// One line of the daemon's log: severity letter ('I', 'E', 'F'; '?' for a line that is not a
-// log line, such as the C++ runtime's), the text after "] ", and when it was first read.
+// A line of the daemon's log: severity letter ('I', 'E', 'F'; '?' for other output, such as the
+// C++ runtime's), the text after "] ", and when it was first read.
 struct LogLine {
     char severity = '?';
     std::string text;
     std::chrono::steady_clock::time_point seen;
 };
 
-// The lines appended to a log file after a given offset, read as they come.
+// The lines appended to a log file after an offset, read as they come.
 class LogReader {
   public:
     LogReader() = default;
     LogReader(std::string path, size_t offset) : path_(std::move(path)), offset_(offset) {}
 
-    // Every line so far (reads what was appended since the last call).
-    const std::vector<LogLine>& Lines();
-    // Lines reading exactly `text`.
+    const std::vector<LogLine>& Lines();  // every line so far
     std::vector<LogLine> LinesReading(const std::string& text);
     size_t CountStartingWith(const std::string& prefix);
-    // Position of the first line reading exactly `text`, or -1.
-    int IndexOf(const std::string& text);
+    int IndexOf(const std::string& text);  // of the first line reading `text`, or -1
     bool WaitForLine(const std::string& text, milliseconds timeout);
     bool WaitForStartingWith(const std::string& prefix, size_t count, milliseconds timeout);
 
@@ -131,14 +123,13 @@ class LogReader {
     std::vector<LogLine> lines_;
 };
 
-// The event service's JSON lines (one object each: "kind", "time", and per kind "source",
-// "probe", "payload_hex", "rc", "fields", ...), read as they are appended.
+// The event service's JSON lines ("kind", "time", and per kind "source", "probe", "payload_hex",
+// "rc", "fields", ...), read as they are appended.
 class EventReader {
   public:
-    EventReader() = default;
     explicit EventReader(std::string path) : path_(std::move(path)) {}
 
-    // Records appended since the last call, in order; lines that are no JSON are skipped.
+    // Those appended since the last call, in order; lines that are no JSON are skipped.
     std::vector<nlohmann::json> ReadNew();
 
   private:
@@ -154,8 +145,7 @@ class EventReader {
 class SimulatedDevice {
   public:
     SimulatedDevice(std::string state_dir, Binaries binaries);
-    // Stops whatever still runs: the daemon with SIGKILL, the others with SIGTERM.
-    ~SimulatedDevice();
+    ~SimulatedDevice();  // the daemon gets SIGKILL, the others SIGTERM
     SimulatedDevice(const SimulatedDevice&) = delete;
     SimulatedDevice& operator=(const SimulatedDevice&) = delete;
 
@@ -168,12 +158,11 @@ class SimulatedDevice {
     void StopAttribute() { attribute_.Stop(); }
     // (Re)starts the service, active or not, and waits until it listens.
     std::string StartService(bool active);
-    void StopService();
-    // Starts the daemon unless one runs; waits until its poll loop starts (without the
-    // attribute: until its first line). Its log lines are read from here on.
+    void StopService() { service_.Stop(SIGTERM, std::chrono::seconds(3)); }
+    // Starts the daemon unless one runs and waits until its poll loop starts (without the
+    // attribute: its first line). Log() reads its lines from here on.
     std::string StartDaemon(bool with_attribute = true);
-    // Starts all three.
-    std::string Start(bool service_active, bool with_attribute = true);
+    std::string Start(bool service_active, bool with_attribute = true);  // all three
 
     bool Inject(const std::string& record) const { return attribute_.Inject(record); }
     int PendingCount() const { return attribute_.PendingCount(); }
@@ -184,15 +173,14 @@ class SimulatedDevice {
 
     bool SignalDaemon(int signal_number) { return daemon_.Signal(signal_number); }
     bool DaemonRunning() { return daemon_.Running(); }
-    // The daemon's wait status once it has ended within `timeout` (DescribeWaitStatus).
+    // The daemon's wait status once it has ended within `timeout`.
     std::optional<int> WaitForDaemonExit(milliseconds timeout) { return daemon_.Wait(timeout); }
     pid_t DaemonPid() const { return daemon_.pid(); }
     bool ServiceRunning() { return service_.Running(); }
     bool AttributeMounted() const { return attribute_.Mounted(); }
 
-    // The lines of the daemon started last.
     LogReader& Log() { return log_; }
-    // Every record of the service's log of `kind` ("event", "session_lost", ...; empty: all).
+    // The service's records of `kind` ("event", "session_lost", ...; empty: all).
     std::vector<nlohmann::json> Records(const std::string& kind = "") const;
     size_t CountRecords(const std::string& kind) const { return Records(kind).size(); }
     bool WaitForRecords(const std::string& kind, size_t count, milliseconds timeout) const;
