@@ -1,46 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // The host libubo.so against a running ubo_sim, driven the way the daemon drives the service.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <iterator>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include <android-base/file.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 
+#include "simulated_device.h"
 #include "ubo.h"
-
-extern char** environ;
 
 namespace vendor::vesk::tavi {
 namespace {
-
-using namespace std::chrono_literals;
-
-pid_t Spawn(const std::vector<std::string>& args, const std::string& stdout_path) {
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdout_path.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
 
 // "0801": as the service logs payloads.
 std::vector<uint8_t> Bytes(const std::string& hex) {
@@ -53,47 +27,23 @@ std::vector<uint8_t> Bytes(const std::string& hex) {
 
 class UboSimTest : public ::testing::Test {
   protected:
-    void SetUp() override { setenv("UBO_SIM_SOCKET", socket_.c_str(), 1); }
+    void SetUp() override { setenv("UBO_SIM_SOCKET", device_.SocketPath().c_str(), 1); }
 
     void TearDown() override {
         ubo_destroy(&session_);
-        if (sim_ > 0) {
-            EXPECT_EQ(StopSimulator(), 0);
+        if (device_.ServiceRunning()) {
+            EXPECT_EQ(device_.StopService(), 0);
         }
     }
 
-    void StartSimulator(std::vector<std::string> flags) {
-        std::vector<std::string> args = {UBO_SIM_BINARY, "--socket", socket_, "--events", events_};
-        args.insert(args.end(), flags.begin(), flags.end());
-        sim_ = Spawn(args, dir_ + "/sim.out");
-        ASSERT_GT(sim_, 0);
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (Read("/sim.out").find("listening") == npos) {
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "ubo_sim did not listen";
-            std::this_thread::sleep_for(10ms);
-        }
+    void StartSimulator(bool active) {
+        ASSERT_EQ(device_.StartService(active), "");
         session_ = ubo_create();
         ASSERT_NE(session_, nullptr);
     }
 
-    // The wait status: 0 for a clean exit.
-    int StopSimulator() {
-        kill(sim_, SIGTERM);
-        int status = -1;
-        waitpid(std::exchange(sim_, -1), &status, 0);
-        return status;
-    }
-
     int Control(const std::string& command) {
-        const std::string line = std::string(UBO_SIMCTL_BINARY) + " --control " + dir_ +
-                                 "/control.sock " + command + " >" + dir_ + "/simctl.out";
-        return WEXITSTATUS(system(line.c_str()));
-    }
-
-    std::string Read(const std::string& name) {
-        std::string text;
-        android::base::ReadFileToString(dir_ + name, &text);
-        return text;
+        return device_.ServiceControl(android::base::Split(command, " ")) ? 0 : 1;
     }
 
     int32_t Send(const char* probe, const std::vector<uint8_t>& payload) {
@@ -102,10 +52,7 @@ class UboSimTest : public ::testing::Test {
 
     static constexpr size_t npos = std::string::npos;
     TemporaryDir temp_;
-    std::string dir_ = temp_.path;
-    std::string socket_ = dir_ + "/ubo.sock";
-    std::string events_ = dir_ + "/events.jsonl";
-    pid_t sim_ = -1;
+    sim::SimulatedDevice device_{temp_.path, sim::Binaries::InBuildDir(TAVI_BUILD_DIR)};
     ubo_session_t* session_ = nullptr;
 };
 
@@ -116,7 +63,7 @@ TEST_F(UboSimTest, NoSessionWithoutSimulator) {
 
 // Each command's exit code, then what the session sees: the active flag and add_event's result.
 TEST_F(UboSimTest, ControlCommandsSetStateAndResult) {
-    StartSimulator({});
+    StartSimulator(false);
     const std::vector<uint8_t> event = Bytes("080110b9171801");
     struct Step {
         const char* command;
@@ -137,7 +84,7 @@ TEST_F(UboSimTest, ControlCommandsSetStateAndResult) {
 }
 
 TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
-    StartSimulator({"--active"});
+    StartSimulator(true);
     struct Event {
         const char* probe;
         const char* hex;
@@ -154,7 +101,9 @@ TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
     ubo_destroy(&session_);
     EXPECT_EQ(session_, nullptr);
 
-    std::vector<std::string> lines = android::base::Split(Read("/events.jsonl"), "\n");
+    std::string log;
+    ASSERT_TRUE(android::base::ReadFileToString(device_.EventsPath(), &log));
+    std::vector<std::string> lines = android::base::Split(log, "\n");
     ASSERT_EQ(lines.size(), 7u);  // started, created, three events, destroyed, trailing ""
     EXPECT_NE(lines[1].find(R"("kind":"session_created")"), npos);
     for (size_t i = 0; i < std::size(events); ++i) {
@@ -172,10 +121,21 @@ TEST_F(UboSimTest, LogsDecodedFieldsAndSessionLifecycle) {
 
 // The daemon treats a vanished service as a lost session: calls fail, nothing hangs.
 TEST_F(UboSimTest, VanishedServiceFailsCleanly) {
-    StartSimulator({"--active"});
-    EXPECT_EQ(StopSimulator(), 0);
+    StartSimulator(true);
+    EXPECT_EQ(device_.StopService(), 0);
     EXPECT_EQ(ubo_is_active(session_), -1);
     EXPECT_LT(Send("TaviDisplayShort", Bytes("080010d00f1800")), 0);
+}
+
+// A second simulator on the same socket refuses to start and leaves the first one serving.
+TEST_F(UboSimTest, ASecondSimulatorLeavesTheFirstServing) {
+    StartSimulator(true);
+    sim::SimulatedDevice second{temp_.path, sim::Binaries::InBuildDir(TAVI_BUILD_DIR)};
+    EXPECT_NE(second.StartService(false), "");
+    ubo_session_t* another = ubo_create();
+    ASSERT_NE(another, nullptr);
+    EXPECT_EQ(ubo_is_active(another), 1);
+    ubo_destroy(&another);
 }
 
 }  // namespace

@@ -158,7 +158,8 @@ class SimulatedDevice {
     void StopAttribute() { attribute_.Stop(); }
     // (Re)starts the service, active or not, and waits until it listens.
     std::string StartService(bool active);
-    void StopService() { service_.Stop(SIGTERM, std::chrono::seconds(3)); }
+    // Its wait status (0: a clean exit), or none if it never started.
+    std::optional<int> StopService() { return service_.Stop(SIGTERM, std::chrono::seconds(3)); }
     // Starts the daemon unless one runs and waits until its poll loop starts (without the
     // attribute: its first line). Log() reads its lines from here on.
     std::string StartDaemon(bool with_attribute = true);
