@@ -203,9 +203,10 @@ std::string SimulatedDevice::StartService(bool active) {
                                      EventsPath()};
     if (active) argv.push_back("--active");
     std::string failure = service_.Start(argv, output);
+    // Its own start line, not any line that mentions the socket: a refusal names it too.
+    const std::string started = "ubo_sim: listening on " + SocketPath() + ",";
     auto listening = [&] {
-        return ReadFrom(output, offset).find("listening") != std::string::npos ||
-               !service_.Running();
+        return ReadFrom(output, offset).find(started) != std::string::npos || !service_.Running();
     };
     if (failure.empty() && (!WaitUntil(listening, 5s) || !service_.Running())) {
         failure = "ubo_sim did not listen on " + SocketPath() + ": " + ReadFrom(output, offset);
