@@ -140,21 +140,19 @@ TEST_F(MessageHandlerTest, InactiveServiceCachesRecordsForReplay) {
             Record(1, 1, 1, 2, 3, 4, 5), Record(2, 1, 1002), Record(3, 2, 2000, 1), Record(2, 1, 0),
             Record(4, 1, 2999),          Record(4, 1, 3005), Record(4, 1, 3001, 1),
     };
+    // Each text form: "Message {Type: LOG, Category: " + fields + ", Message: text}".
+    auto form = [](const std::string& fields) {
+        return "Message {Type: LOG, Category: " + fields + ", Message: text}";
+    };
     const Lines forms = {
-            "Message {Type: LOG, Category: 1, LogLevel: 1, ErrorCode: 1, Param1: 2, Param2: 3, "
-            "Param3: 4, Param4: 5, Message: text}",
-            "Message {Type: LOG, Category: 2, LogLevel: 1, ErrorCode: 1002, Param1: 0, Param2: 0, "
-            "Param3: 0, Param4: 0, Message: text}",
-            "Message {Type: LOG, Category: 3, LogLevel: 2, ErrorCode: 2000, Param1: 1, Param2: 0, "
-            "Param3: 0, Param4: 0, Message: text}",
-            "Message {Type: LOG, Category: 2, LogLevel: 1, ErrorCode: 0, Param1: 0, Param2: 0, "
-            "Param3: 0, Param4: 0, Message: text}",
-            "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 2999, Param1: 0, Param2: 0, "
-            "Param3: 0, Param4: 0, Message: text}",
-            "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3005, Param1: 0, Param2: 0, "
-            "Param3: 0, Param4: 0, Message: text}",
-            "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
-            "Param3: 0, Param4: 0, Message: text}"};
+            form("1, LogLevel: 1, ErrorCode: 1, Param1: 2, Param2: 3, Param3: 4, Param4: 5"),
+            form("2, LogLevel: 1, ErrorCode: 1002, Param1: 0, Param2: 0, Param3: 0, Param4: 0"),
+            form("3, LogLevel: 2, ErrorCode: 2000, Param1: 1, Param2: 0, Param3: 0, Param4: 0"),
+            form("2, LogLevel: 1, ErrorCode: 0, Param1: 0, Param2: 0, Param3: 0, Param4: 0"),
+            form("4, LogLevel: 1, ErrorCode: 2999, Param1: 0, Param2: 0, Param3: 0, Param4: 0"),
+            form("4, LogLevel: 1, ErrorCode: 3005, Param1: 0, Param2: 0, Param3: 0, Param4: 0"),
+            form("4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, Param3: 0, Param4: 0"),
+    };
     fake_ubo::script.active = {0, -1, 0, -7, 0, INT32_MIN, 0};
     for (const auto& message : records) Deliver(message);
     EXPECT_EQ(log_.Texts(INFO), Logged("Store the message in the cache: ", forms));
