@@ -1,15 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Host libubo.so: each session is one connection to the event-service simulator (ubo_sim).
 #include <errno.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 
 #include <memory>
 #include <mutex>
 #include <new>
-#include <string>
 
 #include <android-base/unique_fd.h>
 
@@ -31,52 +26,15 @@ struct ubo_session {
 namespace {
 
 namespace protocol = vendor::vesk::tavi::ubo_protocol;
-using android::base::unique_fd;
 
-// A simulator that stops answering must not hang the caller's thread for good.
-constexpr int kReplyTimeoutSeconds = 5;
 // What ubo_add_event returns once the connection has broken.
 constexpr int32_t kBrokenSessionCode = -EPIPE;
-
-unique_fd ConnectTo(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) return {};
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
-
-    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (fd < 0) return {};
-    timeval timeout{kReplyTimeoutSeconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-    int result;
-    do {
-        result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result < 0 && errno == EINTR);
-    if (result < 0) return {};
-    return fd;
-}
-
-// send() rather than write(): a vanished simulator must not raise SIGPIPE in the caller.
-bool Transfer(int fd, const protocol::Request& request, protocol::Reply* reply) {
-    std::string packet = request.SerializeAsString();
-    ssize_t n;
-    do {
-        n = send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);
-    } while (n < 0 && errno == EINTR);
-    if (n != static_cast<ssize_t>(packet.size())) return false;
-    char buffer[64];
-    do {
-        n = recv(fd, buffer, sizeof(buffer), 0);
-    } while (n < 0 && errno == EINTR);
-    return n > 0 && reply->ParseFromArray(buffer, static_cast<int>(n));
-}
 
 // One request/reply exchange; the caller holds session->lock.
 bool Exchange(ubo_session* session, const protocol::Request& request, int32_t* value) {
     if (session->broken) return false;
     protocol::Reply reply;
-    if (Transfer(session->fd, request, &reply)) {
+    if (protocol::Exchange(session->fd, request, &reply)) {
         *value = reply.value();
         return true;
     }
@@ -91,7 +49,7 @@ extern "C" {
 ubo_session_t* ubo_create(void) {
     std::unique_ptr<ubo_session> session(new (std::nothrow) ubo_session);
     if (!session) return nullptr;
-    session->fd = ConnectTo(protocol::SessionSocketPath());
+    session->fd = protocol::Connect(protocol::SessionSocketPath());
     if (session->fd < 0) return nullptr;
     protocol::Request hello;
     hello.mutable_hello()->set_version(protocol::kVersion);

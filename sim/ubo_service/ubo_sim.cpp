@@ -18,14 +18,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
@@ -39,7 +36,9 @@
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/empty.pb.h>
+#include <google/protobuf/text_format.h>
 #include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/util/json_util.h>
 #include <nlohmann/json.hpp>
 
 #include "ubo_protocol.h"
@@ -52,11 +51,8 @@ using android::base::StringPrintf;
 using android::base::unique_fd;
 using Clock = std::chrono::steady_clock;
 namespace protobuf = google::protobuf;
-using protobuf::FieldDescriptor;
 using protobuf::UnknownField;
 
-// One command line per control connection; anything longer is not a command.
-constexpr size_t kMaxCommandSize = 1024;
 constexpr int kEventsPerWait = 16;
 constexpr int kExitUsage = 2;
 
@@ -76,10 +72,10 @@ std::string Hex(std::string_view bytes, const char* byte_format = "%02x") {
 
 struct DecodedEvent {
     bool known_probe = false;
-    // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by number, then the others
-    // by their number.
+    // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by name, then the others by
+    // their number.
     Json fields = Json::object();
-    // {log_level: 2 (LOG_LEVEL_2), error_code: 3002 (CHARGER_DETECT_SOC_FREEZE), param1: -1}
+    // {log_level: LOG_LEVEL_2 error_code: CHARGER_DETECT_SOC_FREEZE param1: -1}
     std::string text;
     // Empty when the whole payload parsed.
     std::string error;
@@ -94,37 +90,6 @@ void PlainEnums(protobuf::DescriptorProto* message) {
         field.clear_default_value();
     }
     for (protobuf::DescriptorProto& nested : *message->mutable_nested_type()) PlainEnums(&nested);
-}
-
-// One value of a declared field; bytes (and nested messages) are shown as hex.
-Json Value(const protobuf::Message& message, const FieldDescriptor* field, int index) {
-    const protobuf::Reflection* reflection = message.GetReflection();
-#define TAVI_GET(Type)                                                           \
-    (field->is_repeated() ? reflection->GetRepeated##Type(message, field, index) \
-                          : reflection->Get##Type(message, field))
-    switch (field->cpp_type()) {
-        case FieldDescriptor::CPPTYPE_INT32:
-            return TAVI_GET(Int32);
-        case FieldDescriptor::CPPTYPE_INT64:
-            return TAVI_GET(Int64);
-        case FieldDescriptor::CPPTYPE_UINT32:
-            return TAVI_GET(UInt32);
-        case FieldDescriptor::CPPTYPE_UINT64:
-            return TAVI_GET(UInt64);
-        case FieldDescriptor::CPPTYPE_BOOL:
-            return TAVI_GET(Bool);
-        case FieldDescriptor::CPPTYPE_FLOAT:
-            return TAVI_GET(Float);
-        case FieldDescriptor::CPPTYPE_DOUBLE:
-            return TAVI_GET(Double);
-        case FieldDescriptor::CPPTYPE_STRING: {
-            std::string bytes = TAVI_GET(String);
-            return field->type() == FieldDescriptor::TYPE_STRING ? bytes : Hex(bytes);
-        }
-        default:
-            return Hex(TAVI_GET(Message).SerializeAsString());
-    }
-#undef TAVI_GET
 }
 
 // As it was on the wire: a varint as a signed 64-bit number, fixed ones unsigned.
@@ -143,37 +108,19 @@ Json UnknownValue(const UnknownField& field) {
     }
 }
 
-// Adds one field's values to both forms; a single value of a field not declared repeated is
-// shown bare.
-void Add(DecodedEvent* event, const std::string& name, const Json& values, bool repeated,
-         const protobuf::EnumDescriptor* enum_type) {
-    std::vector<std::string> texts;
-    for (const Json& value : values) {
-        std::string text = Dump(value);
-        const auto* named = enum_type ? enum_type->FindValueByNumber(value.get<int>()) : nullptr;
-        if (named != nullptr) text += " (" + named->name() + ")";
-        texts.push_back(std::move(text));
-    }
-    bool list = repeated || values.size() > 1;
-    event->fields[name] = list ? values : values[0];
-    if (!event->text.empty()) event->text += ", ";
-    event->text += name + ": ";
-    event->text += list ? "[" + android::base::Join(texts, ", ") + "]" : texts[0];
-}
-
-void AddUnknown(DecodedEvent* event, const protobuf::UnknownFieldSet& unknown) {
+// Fields the schema does not declare, by number; a number sent more than once shows a list.
+void AddUnknown(const protobuf::UnknownFieldSet& unknown, Json* fields) {
     std::map<int, Json> by_number;
     for (int i = 0; i < unknown.field_count(); ++i) {
         by_number[unknown.field(i).number()].push_back(UnknownValue(unknown.field(i)));
     }
     for (const auto& [number, values] : by_number) {
-        Add(event, std::to_string(number), values, false, nullptr);
+        (*fields)[std::to_string(number)] = values.size() > 1 ? values : values[0];
     }
 }
 
-// Decodes event payloads field by field, guided by the event schema read at run time, and shows
-// values a schema-true parser would drop (undeclared enum numbers, unknown fields) as they were
-// sent.
+// Decodes event payloads with the event schema read at run time, and shows values a
+// schema-true parser would drop (undeclared enum numbers, unknown fields) as they were sent.
 class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
   public:
     // Parses the schema file; false (after logging the parser's complaints) when it fails.
@@ -195,37 +142,46 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
         return false;
     }
 
-    DecodedEvent Decode(std::string_view probe, std::string_view payload) {
+    // The fields in JSON from the plain schema, the text with the enumerations' names.
+    DecodedEvent Decode(const std::string& probe, std::string_view payload) {
         DecodedEvent event;
-        const protobuf::Descriptor* declared = file_->FindMessageTypeByName(std::string(probe));
+        const protobuf::Descriptor* declared = file_->FindMessageTypeByName(probe);
         event.known_probe = declared != nullptr;
         // Nothing declared: an empty message shows every field by its number.
-        const protobuf::Descriptor* type =
-                declared == nullptr ? protobuf::Empty::descriptor()
-                                    : plain_pool_.FindMessageTypeByName(declared->full_name());
-        std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
-        if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
-            event.error = declared != nullptr ? "does not parse as " + declared->name()
-                                              : "not a protocol-buffers message";
-            // Of what is not a message at all, nothing is shown.
-            if (declared == nullptr) message->Clear();
+        const protobuf::Descriptor* type = declared ? declared : protobuf::Empty::descriptor();
+        const protobuf::Descriptor* plain_type =
+                declared ? plain_pool_.FindMessageTypeByName(declared->full_name()) : type;
+        bool complete = false;
+        std::unique_ptr<protobuf::Message> message = Parse(plain_type, payload, &complete);
+        if (!complete) {
+            event.error = declared ? "does not parse as " + declared->name()
+                                   : "not a protocol-buffers message";
         }
-        const protobuf::Reflection* reflection = message->GetReflection();
-        std::vector<const FieldDescriptor*> fields;
-        reflection->ListFields(*message, &fields);
-        for (const FieldDescriptor* field : fields) {
-            Json values = Json::array();
-            int count = field->is_repeated() ? reflection->FieldSize(*message, field) : 1;
-            for (int i = 0; i < count; ++i) values.push_back(Value(*message, field, i));
-            Add(&event, field->name(), values, field->is_repeated(),
-                declared->FindFieldByNumber(field->number())->enum_type());
+        std::string json;
+        protobuf::util::JsonPrintOptions options;
+        options.preserve_proto_field_names = true;
+        if (protobuf::util::MessageToJsonString(*message, &json, options).ok()) {
+            event.fields = Json::parse(json, nullptr, false);
         }
-        AddUnknown(&event, reflection->GetUnknownFields(*message));
-        event.text = "{" + event.text + "}";
+        AddUnknown(message->GetReflection()->GetUnknownFields(*message), &event.fields);
+        protobuf::TextFormat::Printer printer;
+        printer.SetSingleLineMode(true);
+        printer.PrintToString(*Parse(type, payload, &complete), &event.text);
+        event.text = "{" + android::base::Trim(event.text) + "}";
         return event;
     }
 
   private:
+    // What of `payload` parses as `type`; of what is not a message at all, nothing.
+    std::unique_ptr<protobuf::Message> Parse(const protobuf::Descriptor* type,
+                                             std::string_view payload, bool* complete) {
+        std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
+        *complete =
+                message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()));
+        if (!*complete && type == protobuf::Empty::descriptor()) message->Clear();
+        return message;
+    }
+
     void AddError(const std::string& filename, int line, int column,
                   const std::string& message) override {
         // The parser counts from 0 and reports -1 for errors about the whole file.
@@ -247,7 +203,6 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
 
 struct Options {
     std::string socket_path = protocol::SessionSocketPath();
-    std::string control_path;
     // Empty: no event log (one JSON record a line).
     std::string events_path;
     std::string proto_path = UBO_SIM_DEFAULT_PROTO;
@@ -259,15 +214,14 @@ struct Options {
 };
 
 // A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
-bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address, int type) {
+bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
     struct stat status;
     if (lstat(path.c_str(), &status) < 0) {
         bool missing = errno == ENOENT;
         if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
         return missing;
     }
-    // Probed with its own type: a stream probe never connects to a live datagram-style socket.
-    unique_fd probe(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    unique_fd probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!S_ISSOCK(status.st_mode)) {
         LOG(ERROR) << path << " exists and is not a socket";
     } else if (probe >= 0 &&
@@ -281,7 +235,7 @@ bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address, int 
     return false;
 }
 
-unique_fd Listen(const std::string& path, int type) {
+unique_fd Listen(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof(address.sun_path)) {
@@ -294,8 +248,8 @@ unique_fd Listen(const std::string& path, int type) {
         PLOG(ERROR) << "mkdir(" << directory << ") failed";
         return {};
     }
-    if (!RemoveStaleSocket(path, address, type)) return {};
-    unique_fd fd(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!RemoveStaleSocket(path, address)) return {};
+    unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
         listen(fd, SOMAXCONN) < 0) {
         PLOG(ERROR) << "Cannot listen on " << path;
@@ -323,13 +277,12 @@ class Simulator {
     Simulator(Options options, EventDecoder* decoder)
         : options_(std::move(options)), decoder_(decoder) {}
 
-    // Removes the sockets it created.
+    // Removes the socket it created.
     ~Simulator() {
-        if (session_listener_ >= 0) unlink(options_.socket_path.c_str());
-        if (control_listener_ >= 0) unlink(options_.control_path.c_str());
+        if (listener_ >= 0) unlink(options_.socket_path.c_str());
     }
 
-    // Opens the log, binds both sockets and arms the start-up timer; false after logging why.
+    // Opens the log, binds the socket and arms the start-up timer; false after logging why.
     bool Start() {
         if (!options_.events_path.empty()) {
             log_fd_.reset(open(options_.events_path.c_str(),
@@ -352,27 +305,19 @@ class Simulator {
             PLOG(ERROR) << "epoll_create1() or signalfd() failed";
             return false;
         }
-        session_listener_ = Listen(options_.socket_path, SOCK_SEQPACKET);
-        if (session_listener_ < 0) return false;
-        control_listener_ = Listen(options_.control_path, SOCK_STREAM);
-        if (control_listener_ < 0 || !Watch(signal_fd_) || !Watch(session_listener_) ||
-            !Watch(control_listener_)) {
-            return false;
-        }
+        listener_ = Listen(options_.socket_path);
+        if (listener_ < 0 || !Watch(signal_fd_) || !Watch(listener_)) return false;
         active_ = options_.active || options_.active_after_seconds == 0;
         add_event_code_ = options_.add_event_code;
         std::string start_line =
-                StringPrintf("listening on %s, control %s, state %s", options_.socket_path.c_str(),
-                             options_.control_path.c_str(), active_ ? "active" : "inactive");
+                StringPrintf("listening on %s, state %s", options_.socket_path.c_str(),
+                             active_ ? "active" : "inactive");
         if (!active_ && options_.active_after_seconds > 0) {
             active_at_ = Clock::now() + std::chrono::microseconds(static_cast<int64_t>(
                                                 options_.active_after_seconds * 1e6));
             start_line += StringPrintf(", active after %g s", options_.active_after_seconds);
         }
-        Report(start_line, "started",
-               {{"socket", options_.socket_path},
-                {"control", options_.control_path},
-                {"active", active_}});
+        Report(start_line, "started", {{"socket", options_.socket_path}, {"active", active_}});
         return true;
     }
 
@@ -395,8 +340,8 @@ class Simulator {
                     Report(StringPrintf("stopping on %s", strsignal(info.ssi_signo)), "stopped",
                            {{"signal", info.ssi_signo}});
                     return true;
-                } else if (fd == session_listener_.get() || fd == control_listener_.get()) {
-                    Accept(fd);
+                } else if (fd == listener_.get()) {
+                    Accept();
                 } else {
                     ServePeer(fd);
                 }
@@ -406,10 +351,7 @@ class Simulator {
 
   private:
     struct Peer {
-        bool is_session = false;
         unique_fd fd;
-        // A control command still arriving.
-        std::string input;
         // 0 until the hello, and again once the session is closed.
         int32_t session_id = 0;
     };
@@ -431,16 +373,14 @@ class Simulator {
     }
 
     // One connection a wake-up: the listener stays readable while more are waiting.
-    void Accept(int listener) {
-        unique_fd fd(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    void Accept() {
+        unique_fd fd(accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (fd < 0) {
             if (errno != EAGAIN && errno != EINTR) PLOG(ERROR) << "accept4() failed";
             return;
         }
         if (!Watch(fd)) return;
-        Peer& peer = peers_[fd.get()];
-        peer.is_session = listener == session_listener_.get();
-        peer.fd = std::move(fd);
+        peers_[fd.get()].fd = std::move(fd);
     }
 
     // One packet or one read a wake-up, like the listeners.
@@ -455,10 +395,7 @@ class Simulator {
         Peer& peer = it->second;
         std::string_view data(buffer, n > 0 ? static_cast<size_t>(n) : 0);
         // Requests are never empty: nothing read is the hang-up.
-        if (peer.is_session ? n > 0 && HandleRequest(&peer, data)
-                            : n >= 0 && HandleCommand(&peer, data)) {
-            return;
-        }
+        if (n > 0 && HandleRequest(&peer, data)) return;
         if (peer.session_id > 0) EndSession(peer, /*lost=*/true);
         // Closing the descriptor also takes it out of the epoll set.
         peers_.erase(it);
@@ -473,7 +410,7 @@ class Simulator {
                          << " bytes";
             return false;
         }
-        if ((peer->session_id == 0) != request.has_hello()) {
+        if (!request.has_command() && (peer->session_id == 0) != request.has_hello()) {
             LOG(WARNING) << "Dropping a client that sent request " << request.kind_case()
                          << (peer->session_id == 0 ? " before" : " after") << " its hello";
             return false;
@@ -494,11 +431,16 @@ class Simulator {
                 peer->session_id = 0;
                 reply.set_value(0);
                 break;
+            case protocol::Request::kCommand:
+                reply.set_value(0);
+                reply.set_text(RunCommand(request.command().words()));
+                break;
             case protocol::Request::KIND_NOT_SET:
                 LOG(WARNING) << "Dropping a client that sent an empty request";
                 return false;
         }
-        return SendAll(peer->fd, reply.SerializeAsString()) && peer->session_id > 0;
+        return SendAll(peer->fd, reply.SerializeAsString()) &&
+               (peer->session_id > 0 || request.has_command());
     }
 
     int32_t OpenSession(Peer* peer, const protocol::Hello& hello) {
@@ -552,19 +494,8 @@ class Simulator {
         return add_event_code_;
     }
 
-    // One command line per connection: the hang-up after the reply tells the client it is whole.
-    bool HandleCommand(Peer* peer, std::string_view data) {
-        std::string& input = peer->input;
-        input.append(data);
-        size_t newline = input.find('\n');
-        if (newline == std::string::npos && !data.empty()) return input.size() <= kMaxCommandSize;
-        if (!input.empty()) SendAll(peer->fd, RunCommand(input.substr(0, newline)) + "\n");
-        return false;
-    }
-
-    std::string RunCommand(const std::string& line) {
-        std::istringstream stream(line);
-        std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+    // A command from ubo_simctl: the reply's text, "error: ..." when it failed.
+    std::string RunCommand(const protobuf::RepeatedPtrField<std::string>& words) {
         std::string command = android::base::Join(words, ' ');
         if (command == "active" || command == "inactive") {
             SetActive(command == "active", "control");
@@ -588,7 +519,7 @@ class Simulator {
             }
             return result;
         }
-        return "error: unknown command '" + android::base::Trim(line) +
+        return "error: unknown command '" + command +
                "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
     }
 
@@ -629,8 +560,7 @@ class Simulator {
     EventDecoder* decoder_;
     unique_fd log_fd_;
     unique_fd epoll_fd_;
-    unique_fd session_listener_;
-    unique_fd control_listener_;
+    unique_fd listener_;
     unique_fd signal_fd_;
     std::map<int, Peer> peers_;
     // When the start-up timer makes the service active.
@@ -647,23 +577,19 @@ class Simulator {
 
 void PrintUsage(FILE* out) {
     fprintf(out,
-            "usage: ubo_sim [--socket PATH] [--control PATH] [--events PATH] [--proto PATH]\n"
+            "usage: ubo_sim [--socket PATH] [--events PATH] [--proto PATH]\n"
             "               [--active | --active-after SECONDS] [--fail CODE]\n"
-            "  --socket PATH          session socket (default: $%s or %s)\n"
-            "  --control PATH         control socket (default: $%s or %s beside the socket)\n"
+            "  --socket PATH          the socket of sessions and commands (default: $%s or %s)\n"
             "  --events PATH          append one JSON record per line to PATH\n"
             "  --proto PATH           event schema (default: %s)\n"
             "  --active               start active (default: inactive)\n"
             "  --active-after SECONDS become active after SECONDS (fractions allowed)\n"
             "  --fail CODE            ubo_add_event returns the negative CODE from the start\n",
-            protocol::kSocketEnv, protocol::kDefaultSocketPath, protocol::kControlEnv,
-            protocol::kControlSocketName, UBO_SIM_DEFAULT_PROTO);
+            protocol::kSocketEnv, protocol::kDefaultSocketPath, UBO_SIM_DEFAULT_PROTO);
 }
 
 bool ParseCommandLine(int argc, char** argv, Options* options) {
-    if (const char* control = getenv(protocol::kControlEnv)) options->control_path = control;
     const std::map<std::string, std::string*> paths = {{"--socket", &options->socket_path},
-                                                       {"--control", &options->control_path},
                                                        {"--events", &options->events_path},
                                                        {"--proto", &options->proto_path}};
     for (int i = 1; i < argc; ++i) {
@@ -682,9 +608,6 @@ bool ParseCommandLine(int argc, char** argv, Options* options) {
                      android::base::ParseInt(value, &options->add_event_code, INT32_MIN, -1))) {
             return false;
         }
-    }
-    if (options->control_path.empty()) {
-        options->control_path = protocol::ControlSocketPathFor(options->socket_path);
     }
     return true;
 }

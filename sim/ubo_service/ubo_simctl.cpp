@@ -1,18 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// ubo_simctl: changes and reads the state of a running ubo_sim through its control socket.
+// ubo_simctl: changes and reads the state of a running ubo_sim, one command a run, over the
+// socket its sessions use.
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 
 #include <string>
-#include <vector>
 
-#include <android-base/file.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 
@@ -21,66 +16,40 @@
 namespace {
 
 namespace protocol = vendor::vesk::tavi::ubo_protocol;
-using android::base::unique_fd;
 
 constexpr int kExitUsage = 2;
-constexpr time_t kReplyTimeoutSeconds = 5;
-
-unique_fd Connect(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
-        errno = ENAMETOOLONG;
-        return {};
-    }
-    path.copy(address.sun_path, path.size());
-    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    timeval timeout{kReplyTimeoutSeconds, 0};
-    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) < 0 ||
-        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0) {
-        return {};
-    }
-    return fd;
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    (void)signal(SIGPIPE, SIG_IGN);
-    std::string control_path = protocol::ControlSocketPath();
+    std::string socket_path = protocol::SessionSocketPath();
     int first = 1;
-    for (; first + 1 < argc; first += 2) {
-        std::string flag = argv[first];
-        if (flag != "--control" && flag != "--socket") break;
-        control_path = flag == "--control" ? argv[first + 1]
-                                           : protocol::ControlSocketPathFor(argv[first + 1]);
+    if (argc > 2 && strcmp(argv[1], "--socket") == 0) {
+        socket_path = argv[2];
+        first = 3;
     }
     if (first >= argc || argv[first][0] == '-') {
         fprintf(stderr,
-                "usage: ubo_simctl [--control PATH | --socket PATH] COMMAND\n"
+                "usage: ubo_simctl [--socket PATH] COMMAND\n"
                 "  commands: active | inactive | fail CODE | ok | refuse | accept | status\n"
-                "  --control PATH  control socket (default: $%s, or %s beside the session socket)\n"
-                "  --socket PATH   session socket whose control socket to use (default: $%s or "
-                "%s)\n",
-                protocol::kControlEnv, protocol::kControlSocketName, protocol::kSocketEnv,
-                protocol::kDefaultSocketPath);
+                "  --socket PATH  the simulator's socket (default: $%s or %s)\n",
+                protocol::kSocketEnv, protocol::kDefaultSocketPath);
         return kExitUsage;
     }
-    std::string command =
-            android::base::Join(std::vector<std::string>(argv + first, argv + argc), ' ');
-    unique_fd fd = Connect(control_path);
+    protocol::Request request;
+    for (int i = first; i < argc; ++i) request.mutable_command()->add_words(argv[i]);
+    android::base::unique_fd fd = protocol::Connect(socket_path);
     if (fd < 0) {
-        fprintf(stderr, "ubo_simctl: cannot reach ubo_sim at %s: %s\n", control_path.c_str(),
+        fprintf(stderr, "ubo_simctl: cannot reach ubo_sim at %s: %s\n", socket_path.c_str(),
                 strerror(errno));
         return EXIT_FAILURE;
     }
-    std::string reply;
-    if (!android::base::WriteStringToFd(command + "\n", fd) ||
-        !android::base::ReadFdToString(fd, &reply) || reply.empty()) {
-        fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s\n", control_path.c_str());
+    protocol::Reply reply;
+    if (!protocol::Exchange(fd, request, &reply)) {
+        fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s\n", socket_path.c_str());
         return EXIT_FAILURE;
     }
-    bool failed = android::base::StartsWith(reply, "error:");
-    fputs(reply.c_str(), failed ? stderr : stdout);
+    bool failed = android::base::StartsWith(reply.text(), "error:");
+    fprintf(failed ? stderr : stdout, "%s\n", reply.text().c_str());
     return failed ? EXIT_FAILURE : 0;
 }

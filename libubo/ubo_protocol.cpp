@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+// The client end of the simulator's socket, shared by libubo.so and ubo_simctl.
+#include "ubo_protocol.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace vendor::vesk::tavi::ubo_protocol {
+
+namespace {
+
+// A simulator that stops answering must not hang the caller's thread for good.
+constexpr int kReplyTimeoutSeconds = 5;
+// Replies are a number, or the few lines a command answers.
+constexpr size_t kMaxReplySize = 1024;
+
+}  // namespace
+
+android::base::unique_fd Connect(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return {};
+    }
+    memcpy(address.sun_path, path.c_str(), path.size() + 1);
+
+    android::base::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (fd < 0) return {};
+    timeval timeout{kReplyTimeoutSeconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    if (TEMP_FAILURE_RETRY(
+                connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address))) < 0) {
+        return {};
+    }
+    return fd;
+}
+
+// send() rather than write(): a vanished simulator must not raise SIGPIPE in the caller.
+bool Exchange(int fd, const Request& request, Reply* reply) {
+    std::string packet = request.SerializeAsString();
+    if (TEMP_FAILURE_RETRY(send(fd, packet.data(), packet.size(), MSG_NOSIGNAL)) !=
+        static_cast<ssize_t>(packet.size())) {
+        return false;
+    }
+    char buffer[kMaxReplySize];
+    ssize_t n = TEMP_FAILURE_RETRY(recv(fd, buffer, sizeof(buffer), 0));
+    return n > 0 && reply->ParseFromArray(buffer, static_cast<int>(n));
+}
+
+}  // namespace vendor::vesk::tavi::ubo_protocol
