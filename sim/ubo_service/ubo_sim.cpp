@@ -16,17 +16,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
-#include <android-base/parsedouble.h>
 #include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
@@ -49,7 +46,6 @@ namespace {
 namespace protocol = ubo_protocol;
 using android::base::StringPrintf;
 using android::base::unique_fd;
-using Clock = std::chrono::steady_clock;
 namespace protobuf = google::protobuf;
 using protobuf::UnknownField;
 
@@ -207,10 +203,6 @@ struct Options {
     std::string events_path;
     std::string proto_path = UBO_SIM_DEFAULT_PROTO;
     bool active = false;
-    // Becomes active this many seconds after start; negative: only on command.
-    double active_after_seconds = -1;
-    // What ubo_add_event returns: 0, or a negative failure code.
-    int32_t add_event_code = 0;
 };
 
 // A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
@@ -282,7 +274,7 @@ class Simulator {
         if (listener_ >= 0) unlink(options_.socket_path.c_str());
     }
 
-    // Opens the log, binds the socket and arms the start-up timer; false after logging why.
+    // Opens the log and binds the socket; false after logging why.
     bool Start() {
         if (!options_.events_path.empty()) {
             log_fd_.reset(open(options_.events_path.c_str(),
@@ -307,17 +299,10 @@ class Simulator {
         }
         listener_ = Listen(options_.socket_path);
         if (listener_ < 0 || !Watch(signal_fd_) || !Watch(listener_)) return false;
-        active_ = options_.active || options_.active_after_seconds == 0;
-        add_event_code_ = options_.add_event_code;
-        std::string start_line =
-                StringPrintf("listening on %s, state %s", options_.socket_path.c_str(),
-                             active_ ? "active" : "inactive");
-        if (!active_ && options_.active_after_seconds > 0) {
-            active_at_ = Clock::now() + std::chrono::microseconds(static_cast<int64_t>(
-                                                options_.active_after_seconds * 1e6));
-            start_line += StringPrintf(", active after %g s", options_.active_after_seconds);
-        }
-        Report(start_line, "started", {{"socket", options_.socket_path}, {"active", active_}});
+        active_ = options_.active;
+        Report(StringPrintf("listening on %s, state %s", options_.socket_path.c_str(),
+                            active_ ? "active" : "inactive"),
+               "started", {{"socket", options_.socket_path}, {"active", active_}});
         return true;
     }
 
@@ -325,13 +310,12 @@ class Simulator {
     bool Run() {
         epoll_event events[kEventsPerWait];
         while (true) {
-            int count = epoll_wait(epoll_fd_, events, kEventsPerWait, TimerTimeout());
+            int count = epoll_wait(epoll_fd_, events, kEventsPerWait, -1);
             if (count < 0 && errno == EINTR) continue;
             if (count < 0) {
                 PLOG(ERROR) << "epoll_wait() failed";
                 return false;
             }
-            if (active_at_ && Clock::now() >= *active_at_) SetActive(true, "timer");
             for (int i = 0; i < count; ++i) {
                 int fd = events[i].data.fd;
                 if (fd == signal_fd_.get()) {
@@ -363,13 +347,6 @@ class Simulator {
         if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) == 0) return true;
         PLOG(ERROR) << "epoll_ctl() failed";
         return false;
-    }
-
-    // Milliseconds until the start-up timer fires (-1: never), rounded up so it never fires early.
-    int TimerTimeout() const {
-        if (!active_at_) return -1;
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(*active_at_ - Clock::now());
-        return std::max(static_cast<int>(left.count()), 0);
     }
 
     // One connection a wake-up: the listener stays readable while more are waiting.
@@ -534,8 +511,6 @@ class Simulator {
     }
 
     void SetActive(bool active, const char* cause) {
-        // A command overrides the start-up timer.
-        active_at_.reset();
         if (active_ == active) return;
         active_ = active;
         Report(active ? "service active" : "service inactive", "state",
@@ -563,8 +538,6 @@ class Simulator {
     unique_fd listener_;
     unique_fd signal_fd_;
     std::map<int, Peer> peers_;
-    // When the start-up timer makes the service active.
-    std::optional<Clock::time_point> active_at_;
     bool active_ = false;
     bool refuse_sessions_ = false;
     int32_t add_event_code_ = 0;
@@ -577,14 +550,11 @@ class Simulator {
 
 void PrintUsage(FILE* out) {
     fprintf(out,
-            "usage: ubo_sim [--socket PATH] [--events PATH] [--proto PATH]\n"
-            "               [--active | --active-after SECONDS] [--fail CODE]\n"
-            "  --socket PATH          the socket of sessions and commands (default: $%s or %s)\n"
-            "  --events PATH          append one JSON record per line to PATH\n"
-            "  --proto PATH           event schema (default: %s)\n"
-            "  --active               start active (default: inactive)\n"
-            "  --active-after SECONDS become active after SECONDS (fractions allowed)\n"
-            "  --fail CODE            ubo_add_event returns the negative CODE from the start\n",
+            "usage: ubo_sim [--socket PATH] [--events PATH] [--proto PATH] [--active]\n"
+            "  --socket PATH  the socket of sessions and commands (default: $%s or %s)\n"
+            "  --events PATH  append one JSON record per line to PATH\n"
+            "  --proto PATH   event schema (default: %s)\n"
+            "  --active       start active (default: inactive; ubo_simctl switches it)\n",
             protocol::kSocketEnv, protocol::kDefaultSocketPath, UBO_SIM_DEFAULT_PROTO);
 }
 
@@ -593,19 +563,12 @@ bool ParseCommandLine(int argc, char** argv, Options* options) {
                                                        {"--events", &options->events_path},
                                                        {"--proto", &options->proto_path}};
     for (int i = 1; i < argc; ++i) {
-        std::string flag = argv[i];
-        if (flag == "--active") {
+        auto path = paths.find(argv[i]);
+        if (strcmp(argv[i], "--active") == 0) {
             options->active = true;
-            continue;
-        }
-        if (i + 1 >= argc) return false;
-        const char* value = argv[++i];
-        if (auto path = paths.find(flag); path != paths.end()) {
-            *path->second = value;
-        } else if (!(flag == "--active-after" &&
-                     android::base::ParseDouble(value, &options->active_after_seconds, 0.0, 1e6)) &&
-                   !(flag == "--fail" &&
-                     android::base::ParseInt(value, &options->add_event_code, INT32_MIN, -1))) {
+        } else if (path != paths.end() && i + 1 < argc) {
+            *path->second = argv[++i];
+        } else {
             return false;
         }
     }
