@@ -3,10 +3,8 @@
 #include "ubo_protocol.h"
 
 #include <errno.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace vendor::vesk::tavi::ubo_protocol {
@@ -20,14 +18,20 @@ constexpr size_t kMaxReplySize = 1024;
 
 }  // namespace
 
+bool SocketAddress(const std::string& path, sockaddr_un* address) {
+    *address = {};
+    address->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address->sun_path)) return false;
+    path.copy(address->sun_path, path.size());
+    return true;
+}
+
 android::base::unique_fd Connect(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
+    sockaddr_un address;
+    if (!SocketAddress(path, &address)) {
         errno = ENAMETOOLONG;
         return {};
     }
-    memcpy(address.sun_path, path.c_str(), path.size() + 1);
 
     android::base::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (fd < 0) return {};

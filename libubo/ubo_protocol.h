@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 #include <stdlib.h>
+#include <sys/un.h>
 
 #include <string>
 
@@ -25,6 +26,9 @@ inline std::string SessionSocketPath() {
     const char* env = getenv(kSocketEnv);
     return env != nullptr && env[0] != '\0' ? env : kDefaultSocketPath;
 }
+
+// The address of the socket file at `path`; false when the path does not fit.
+bool SocketAddress(const std::string& path, sockaddr_un* address);
 
 // A connection to the simulator at `path`; invalid (errno set) when there is none.
 android::base::unique_fd Connect(const std::string& path);

@@ -206,18 +206,16 @@ struct Options {
 };
 
 // A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
-bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
+bool RemoveStaleSocket(const std::string& path) {
     struct stat status;
     if (lstat(path.c_str(), &status) < 0) {
         bool missing = errno == ENOENT;
         if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
         return missing;
     }
-    unique_fd probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     if (!S_ISSOCK(status.st_mode)) {
         LOG(ERROR) << path << " exists and is not a socket";
-    } else if (probe >= 0 &&
-               connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    } else if (protocol::Connect(path) >= 0) {
         LOG(ERROR) << "Another simulator is listening on " << path;
     } else if (unlink(path.c_str()) < 0) {
         PLOG(ERROR) << "unlink(" << path << ") failed";
@@ -228,19 +226,17 @@ bool RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
 }
 
 unique_fd Listen(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+    sockaddr_un address;
+    if (path.empty() || !protocol::SocketAddress(path, &address)) {
         LOG(ERROR) << "Unusable socket path \"" << path << "\"";
         return {};
     }
-    path.copy(address.sun_path, path.size());
     std::string directory = android::base::Dirname(path);
     if (mkdir(directory.c_str(), 0755) < 0 && errno != EEXIST) {
         PLOG(ERROR) << "mkdir(" << directory << ") failed";
         return {};
     }
-    if (!RemoveStaleSocket(path, address)) return {};
+    if (!RemoveStaleSocket(path)) return {};
     unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 ||
         listen(fd, SOMAXCONN) < 0) {
@@ -266,16 +262,16 @@ int32_t PeerPid(int fd) {
 
 class Simulator {
   public:
-    Simulator(Options options, EventDecoder* decoder)
-        : options_(std::move(options)), decoder_(decoder) {}
+    explicit Simulator(Options options) : options_(std::move(options)) {}
 
     // Removes the socket it created.
     ~Simulator() {
         if (listener_ >= 0) unlink(options_.socket_path.c_str());
     }
 
-    // Opens the log and binds the socket; false after logging why.
+    // Loads the schema, opens the log and binds the socket; false after logging why.
     bool Start() {
+        if (!decoder_.Load(options_.proto_path)) return false;
         if (!options_.events_path.empty()) {
             log_fd_.reset(open(options_.events_path.c_str(),
                                O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
@@ -448,7 +444,7 @@ class Simulator {
 
     int32_t AddEvent(const Peer& peer, const protocol::AddEvent& request) {
         const std::string& payload = request.payload();
-        DecodedEvent event = decoder_->Decode(request.probe(), payload);
+        DecodedEvent event = decoder_.Decode(request.probe(), payload);
         std::string notes = event.known_probe ? "" : " [unknown probe]";
         if (!event.error.empty()) notes += " [malformed: " + event.error + "]";
         if (!active_) notes += " [service inactive]";
@@ -532,7 +528,7 @@ class Simulator {
     }
 
     Options options_;
-    EventDecoder* decoder_;
+    EventDecoder decoder_;
     unique_fd log_fd_;
     unique_fd epoll_fd_;
     unique_fd listener_;
@@ -588,9 +584,7 @@ int Main(int argc, char** argv) {
     }
     // Each line out at once, for whoever tails it.
     (void)setvbuf(stdout, nullptr, _IOLBF, 0);
-    EventDecoder decoder;
-    if (!decoder.Load(options.proto_path)) return EXIT_FAILURE;
-    Simulator simulator(std::move(options), &decoder);
+    Simulator simulator(std::move(options));
     return simulator.Start() && simulator.Run() ? 0 : EXIT_FAILURE;
 }
 
