@@ -54,7 +54,10 @@ bool Exchange(int fd, const Request& request, Reply* reply) {
     }
     char buffer[kMaxReplySize];
     ssize_t n = TEMP_FAILURE_RETRY(recv(fd, buffer, sizeof(buffer), 0));
-    return n > 0 && reply->ParseFromArray(buffer, static_cast<int>(n));
+    if (n > 0 && reply->ParseFromArray(buffer, static_cast<int>(n))) return true;
+    // A hang-up, or a packet that is no reply.
+    if (n >= 0) errno = n == 0 ? ECONNRESET : EPROTO;
+    return false;
 }
 
 }  // namespace vendor::vesk::tavi::ubo_protocol

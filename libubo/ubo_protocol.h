@@ -33,7 +33,8 @@ bool SocketAddress(const std::string& path, sockaddr_un* address);
 // A connection to the simulator at `path`; invalid (errno set) when there is none.
 android::base::unique_fd Connect(const std::string& path);
 
-// Sends `request` and waits for its reply; false when the connection failed or timed out.
+// Sends `request` and waits for its reply; false (errno set) when the connection failed or timed
+// out.
 bool Exchange(int fd, const Request& request, Reply* reply);
 
 }  // namespace vendor::vesk::tavi::ubo_protocol

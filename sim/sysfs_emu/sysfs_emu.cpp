@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -176,13 +175,6 @@ bool WantsHelp(int argc, char** argv) {
 
 int Main(int argc, char** argv) {
     android::base::InitLogging(argv, &android::base::StderrLogger);
-    // A parent that blocked the stop signals (as the daemon's tests do) must not leave them
-    // blocked here, or SIGTERM could never unmount us.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&stop_signals, number);
-    sigprocmask(SIG_UNBLOCK, &stop_signals, nullptr);
-
     std::vector<char*> args(argv, argv + argc);
     char no_name[] = "";
     if (WantsHelp(argc, argv)) {

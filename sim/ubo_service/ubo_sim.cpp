@@ -54,11 +54,6 @@ constexpr int kExitUsage = 2;
 
 using Json = nlohmann::ordered_json;
 
-// A JSON value as text; bytes that are not UTF-8 are replaced rather than failing.
-std::string Dump(const Json& value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 // "080210ba17" for the JSON record; " %02X" gives " 08 02 10 BA 17" for the text line.
 std::string Hex(std::string_view bytes, const char* byte_format = "%02x") {
     std::string hex;
@@ -522,7 +517,9 @@ class Simulator {
         std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
         Json record = {{"kind", kind}, {"time", now.count()}};
         record.update(fields);
-        if (!android::base::WriteStringToFd(Dump(record) + "\n", log_fd_)) {
+        // Bytes that are not UTF-8 (a client's source or probe name) are replaced, not fatal.
+        std::string text = record.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+        if (!android::base::WriteStringToFd(text, log_fd_)) {
             PLOG(ERROR) << "writing the event log failed";
         }
     }

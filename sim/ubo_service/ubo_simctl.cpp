@@ -39,14 +39,10 @@ int main(int argc, char** argv) {
     protocol::Request request;
     for (int i = first; i < argc; ++i) request.mutable_command()->add_words(argv[i]);
     android::base::unique_fd fd = protocol::Connect(socket_path);
-    if (fd < 0) {
-        fprintf(stderr, "ubo_simctl: cannot reach ubo_sim at %s: %s\n", socket_path.c_str(),
-                strerror(errno));
-        return EXIT_FAILURE;
-    }
     protocol::Reply reply;
-    if (!protocol::Exchange(fd, request, &reply)) {
-        fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s\n", socket_path.c_str());
+    if (fd < 0 || !protocol::Exchange(fd, request, &reply)) {
+        fprintf(stderr, "ubo_simctl: no reply from ubo_sim at %s: %s\n", socket_path.c_str(),
+                strerror(errno));
         return EXIT_FAILURE;
     }
     bool failed = android::base::StartsWith(reply.text(), "error:");
