@@ -299,8 +299,8 @@ prepare_arch() {
     build_module "$arch" "$kdir" "$build_dir/kmod-$arch"
     quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -o "$build_dir/pollcheck-$arch" \
         "$root/vm/pollcheck.c"
-    quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -pthread \
-        -o "$build_dir/drainbench-$arch" "$root/vm/drainbench.c"
+    quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -o "$build_dir/drainbench-$arch" \
+        "$root/vm/drainbench.c"
     local daemon_build=
     if [[ "$with_daemon" == 1 ]]; then
         daemon_build="$build_dir/daemon-$arch"

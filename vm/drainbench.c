@@ -1,29 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 /*
- * How fast the record queue is drained, inside the test VM:
- *  - the bare reader: poll() for POLLPRI|POLLERR, read page size - 1 bytes from offset 0,
- *    seek back to 0, until a read returns nothing, counting records;
- *  - the daemon, whose event library accepts and discards every event and whose log goes to
- *    a file in tmpfs: it logs one line per event sent, which is what is counted;
- *  - the largest burst, injected back to back, that the queue absorbs with the daemon reading
- *    and no record dropped.
- * For both rates an injector thread keeps the queue non-empty, writing one record after the
- * other (a full queue refuses them), on its own virtual CPU when there are two.
+ * How fast the record queue is drained while it is non-empty, inside the test VM. The queue
+ * is filled until it refuses a record, then one reader drains it, timed from its start to the
+ * queue's end, again and again, the two readers taking turns:
+ *  - the bare reader: poll() for POLLPRI|POLLERR, then read page size - 1 bytes from offset 0
+ *    and seek back to 0 until a read returns nothing;
+ *  - the daemon, with an event library that accepts and discards every event and its log in a
+ *    file in tmpfs, stopped (SIGSTOP) while the queue fills and timed from SIGCONT until its
+ *    log shows every record sent.
+ * An injector writing beside a reader cannot keep pace with the bare reader, and its lock and
+ * notification traffic would be measured too. Then, with the daemon running, the largest
+ * burst injected back to back that the queue absorbs with no record dropped.
  *
  * Prints "TAVI-VM: drain ..." lines; exits 0 when every measurement ran, 1 otherwise.
  * Built static so that it runs in a bare initramfs.
  *
  * Usage: drainbench SECONDS [DAEMON LIBRARY_DIR]
+ *   SECONDS of draining by the daemon (by the bare reader without one) in each of 3 rounds;
  *   DAEMON runs with LIBRARY_DIR (the discarding event library) ahead of /lib.
  */
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <signal.h>
-#include <stdatomic.h>
 #include <stdbool.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -38,13 +40,14 @@
 #define DROPPED_PATH "/sys/kernel/tavi/dropped"
 #define PERSIST_DIR "/mnt/vendor/persist/tavi"
 #define DAEMON_LOG "/tmp/drain-daemon.log"
+#define ROUNDS 3
 
-/* A charger record: the daemon sends it as one event and logs one line for it. */
+/* A charger record: the daemon sends it as one event, logged with this mark. */
 static const char kRecord[] = "4,1,3000,1,0,0,0\n";
+static const ssize_t kRecordLength = sizeof(kRecord) - 1;
 static const char kSentMark[] = "Send the message to UBO: ";
 /* Bursts are searched up to this size; one the daemon keeps pace with is reported as ">=". */
 static const long kBurstCap = 16384;
-static const double kWarmupSeconds = 1.0;
 
 static char g_prefix[128];
 
@@ -92,97 +95,46 @@ static long ReadDropped(void) {
     return dropped;
 }
 
-/* Reads and discards records until the queue is empty. */
-static bool EmptyQueue(void) {
-    int fd = open(LOG_PATH, O_RDONLY);
-    if (fd < 0) return false;
-    char buffer[4096];
+/*
+ * Writes up to LIMIT records back to back (0: no limit) and stops at the first the queue
+ * refuses; returns the number queued, -1 on an error other than a full queue.
+ */
+static long Inject(int inject, long limit) {
+    long queued = 0;
+    while (limit == 0 || queued < limit) {
+        if (pwrite(inject, kRecord, (size_t)kRecordLength, 0) != kRecordLength) {
+            return errno == ENOSPC ? queued : -1;
+        }
+        queued++;
+    }
+    return queued;
+}
+
+/* Reads records until the queue is empty; returns their number, -1 on error. */
+static long DrainQueue(int log, char* buffer, size_t size) {
+    long records = 0;
     ssize_t length;
-    while ((length = read(fd, buffer, sizeof(buffer) - 1)) > 0) lseek(fd, 0, SEEK_SET);
-    close(fd);
-    return length == 0;
+    while ((length = read(log, buffer, size - 1)) > 0) {
+        lseek(log, 0, SEEK_SET);
+        records++;
+    }
+    return length == 0 ? records : -1;
 }
 
-struct Injector {
-    atomic_bool stop;
-    atomic_long accepted;
-    atomic_long refused;
-    long limit;           /* 0: until stopped */
-    bool stop_on_refusal; /* a burst ends at its first refused record */
-    int error;            /* errno of a failure other than a full queue */
+/* Records drained and the time it took, summed over the drains of one reader. */
+struct Drains {
+    long records;
+    double seconds;
 };
 
-static void* Inject(void* arg) {
-    struct Injector* injector = arg;
-    int fd = open(INJECT_PATH, O_WRONLY);
-    if (fd < 0) {
-        injector->error = errno;
-        return NULL;
-    }
-    const ssize_t length = (ssize_t)strlen(kRecord);
-    while (!atomic_load_explicit(&injector->stop, memory_order_relaxed)) {
-        if (injector->limit != 0 && atomic_load(&injector->accepted) >= injector->limit) break;
-        if (pwrite(fd, kRecord, (size_t)length, 0) == length) {
-            atomic_fetch_add_explicit(&injector->accepted, 1, memory_order_relaxed);
-        } else if (errno == ENOSPC) {
-            atomic_fetch_add_explicit(&injector->refused, 1, memory_order_relaxed);
-            if (injector->stop_on_refusal) break;
-        } else {
-            injector->error = errno;
-            break;
-        }
-    }
-    close(fd);
-    return NULL;
-}
-
-struct Reader {
-    atomic_bool stop;
-    atomic_long records;
-    atomic_long empty_reads; /* times the queue ran dry */
-    int error;
-};
-
-/* The bare reader. Once stopped, it returns at its next empty read. */
-static void* Read(void* arg) {
-    struct Reader* reader = arg;
-    int fd = open(LOG_PATH, O_RDONLY);
-    if (fd < 0) {
-        reader->error = errno;
-        return NULL;
-    }
-    const size_t size = (size_t)getpagesize();
-    char* buffer = malloc(size);
-    while (buffer != NULL) {
-        struct pollfd entry = {.fd = fd, .events = POLLPRI | POLLERR};
-        int ready = poll(&entry, 1, 100);
-        if (ready < 0) {
-            reader->error = errno;
-            break;
-        }
-        bool stopping = atomic_load(&reader->stop);
-        if (ready == 0) {
-            if (stopping) break;
-            continue;
-        }
-        for (;;) {
-            ssize_t length = read(fd, buffer, size - 1);
-            if (length < 0) {
-                reader->error = errno;
-                break;
-            }
-            if (length == 0) {
-                atomic_fetch_add_explicit(&reader->empty_reads, 1, memory_order_relaxed);
-                break;
-            }
-            lseek(fd, 0, SEEK_SET);
-            atomic_fetch_add_explicit(&reader->records, 1, memory_order_relaxed);
-        }
-        if (reader->error != 0 || stopping) break;
-    }
-    free(buffer);
-    close(fd);
-    return NULL;
+static bool BareDrain(int log, char* buffer, size_t size, long filled, struct Drains* drains) {
+    double start = Now();
+    struct pollfd entry = {.fd = log, .events = POLLPRI | POLLERR};
+    if (poll(&entry, 1, 1000) != 1) return false;
+    long records = DrainQueue(log, buffer, size);
+    drains->seconds += Now() - start;
+    drains->records += records;
+    return records == filled;
 }
 
 /* Counts the daemon's "sent" lines as its log grows; the mark may straddle two reads. */
@@ -227,23 +179,6 @@ static bool LogHas(const char* text) {
     return strstr(content, text) != NULL;
 }
 
-static pid_t StartDaemon(const char* daemon, const char* library_dir) {
-    mkdir("/mnt", 0755);
-    mkdir("/mnt/vendor", 0755);
-    mkdir("/mnt/vendor/persist", 0755);
-    mkdir(PERSIST_DIR, 0770);
-    unlink(PERSIST_DIR "/cache.bin"); /* a replayed cache would add events to the count */
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    int log = open(DAEMON_LOG, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (log < 0 || dup2(log, STDERR_FILENO) < 0) _exit(127);
-    char path[512];
-    snprintf(path, sizeof(path), "%s:/lib", library_dir);
-    setenv("LD_LIBRARY_PATH", path, 1);
-    execl(daemon, daemon, (char*)NULL);
-    _exit(127);
-}
-
 /* Ready once it polls and its event session exists, so that no record goes to its cache. */
 static bool WaitUntilReady(pid_t daemon) {
     for (int tries = 0; tries < 200; tries++) {
@@ -254,137 +189,285 @@ static bool WaitUntilReady(pid_t daemon) {
     return false;
 }
 
-static bool StopDaemon(pid_t daemon) {
-    kill(daemon, SIGTERM);
+/* Waits until the daemon has logged EXPECTED events in all: the queue is then empty. */
+static bool WaitForSent(struct LogCounter* counter, long expected) {
+    for (double end = Now() + 30; Now() < end;) {
+        long sent = CountSent(counter);
+        if (sent < 0 || sent > expected) return false;
+        if (sent == expected) return true;
+        SleepSeconds(0.0002);
+    }
+    return false;
+}
+
+/* What the daemon has done so far: events sent, and from /proc its CPU time and calls. */
+struct Sample {
+    long sent;
+    double user_seconds, system_seconds;
+    unsigned long reads, writes, written;
+};
+
+static bool ReadUsage(pid_t pid, struct Sample* sample) {
+    char path[64], text[1024];
+    snprintf(path, sizeof(path), "/proc/%d/stat", pid);
+    FILE* file = fopen(path, "r");
+    if (file == NULL) return false;
+    size_t length = fread(text, 1, sizeof(text) - 1, file);
+    fclose(file);
+    text[length] = '\0';
+    /* utime and stime, fields 14 and 15; the name before them may hold spaces. */
+    const char* fields = strrchr(text, ')');
+    unsigned long user, system;
+    if (fields == NULL ||
+        sscanf(fields + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
+               &system) != 2) {
+        return false;
+    }
+    const double tick = 1.0 / (double)sysconf(_SC_CLK_TCK);
+    sample->user_seconds = (double)user * tick;
+    sample->system_seconds = (double)system * tick;
+    snprintf(path, sizeof(path), "/proc/%d/io", pid);
+    file = fopen(path, "r");
+    if (file == NULL) return false;
+    unsigned long read_bytes;
+    int fields_read = fscanf(file, "rchar: %lu wchar: %lu syscr: %lu syscw: %lu", &read_bytes,
+                             &sample->written, &sample->reads, &sample->writes);
+    fclose(file);
+    return fields_read == 4;
+}
+
+struct Daemon {
+    pid_t pid;
+    struct LogCounter counter;
+    long injected; /* records queued for it in all */
+};
+
+static bool StartDaemon(const char* daemon, const char* library_dir, struct Daemon* started) {
+    mkdir("/mnt", 0755);
+    mkdir("/mnt/vendor", 0755);
+    mkdir("/mnt/vendor/persist", 0755);
+    mkdir(PERSIST_DIR, 0770);
+    unlink(PERSIST_DIR "/cache.bin"); /* a replayed cache would add events to the count */
+    memset(started, 0, sizeof(*started));
+    started->counter.fd = -1;
+    started->pid = fork();
+    if (started->pid == 0) {
+        int log = open(DAEMON_LOG, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (log < 0 || dup2(log, STDERR_FILENO) < 0) _exit(127);
+        char path[512];
+        snprintf(path, sizeof(path), "%s:/lib", library_dir);
+        setenv("LD_LIBRARY_PATH", path, 1);
+        execl(daemon, daemon, (char*)NULL);
+        _exit(127);
+    }
+    if (started->pid < 0) return false;
+    if (!WaitUntilReady(started->pid)) return false;
+    started->counter.fd = open(DAEMON_LOG, O_RDONLY);
+    return started->counter.fd >= 0;
+}
+
+/* Stops it with SIGTERM; true when it ended with status 0. */
+static bool StopDaemon(struct Daemon* daemon) {
+    if (daemon->counter.fd >= 0) close(daemon->counter.fd);
+    if (daemon->pid <= 0) return false;
+    kill(daemon->pid, SIGTERM);
     for (int tries = 0; tries < 100; tries++) {
         int status;
-        if (waitpid(daemon, &status, WNOHANG) == daemon) {
+        if (waitpid(daemon->pid, &status, WNOHANG) == daemon->pid) {
             return WIFEXITED(status) && WEXITSTATUS(status) == 0;
         }
         SleepSeconds(0.1);
     }
-    kill(daemon, SIGKILL);
-    waitpid(daemon, NULL, 0);
+    kill(daemon->pid, SIGKILL);
+    waitpid(daemon->pid, NULL, 0);
     return false;
 }
 
-/* Waits until the daemon has logged EXPECTED events in all: the queue is then empty. */
-static bool WaitForSent(struct LogCounter* counter, long expected) {
-    for (int tries = 0; tries < 600; tries++) {
-        long sent = CountSent(counter);
-        if (sent < 0 || sent > expected) return false;
-        if (sent == expected) return true;
-        SleepSeconds(0.05);
-    }
-    return false;
+static bool Pause(struct Daemon* daemon) {
+    int status;
+    kill(daemon->pid, SIGSTOP);
+    return waitpid(daemon->pid, &status, WUNTRACED) == daemon->pid && WIFSTOPPED(status);
 }
 
-typedef long (*Counter)(void* context);
-
-static long ReaderRecords(void* reader) { return atomic_load(&((struct Reader*)reader)->records); }
-
-static long DaemonRecords(void* counter) { return CountSent(counter); }
-
-/*
- * Records per second counted by COUNT over SECONDS, while an injector keeps the queue
- * non-empty; the first second is left out. INJECTOR is left stopped, its totals in it.
- */
-static double MeasureRate(struct Injector* injector, double seconds, Counter count,
-                          void* context) {
-    pthread_t thread;
-    if (pthread_create(&thread, NULL, Inject, injector) != 0) return -1;
-    SleepSeconds(kWarmupSeconds);
-    long first = count(context);
+/* The daemon, stopped while FILLED records were queued for it. Leaves it stopped. */
+static bool DaemonDrain(struct Daemon* daemon, long filled, struct Drains* drains) {
     double start = Now();
-    SleepSeconds(seconds);
-    long last = count(context);
-    double end = Now();
-    atomic_store(&injector->stop, true);
-    pthread_join(thread, NULL);
-    if (injector->error != 0 || first < 0 || last < 0) return -1;
-    return (double)(last - first) / (end - start);
+    kill(daemon->pid, SIGCONT);
+    daemon->injected += filled;
+    bool sent = WaitForSent(&daemon->counter, daemon->injected);
+    drains->seconds += Now() - start;
+    drains->records += filled;
+    return sent && Pause(daemon);
 }
 
-static double MeasureBareReader(double seconds) {
-    struct Reader reader = {0};
-    pthread_t thread;
-    if (pthread_create(&thread, NULL, Read, &reader) != 0) return -1;
-    struct Injector injector = {0};
-    double rate = MeasureRate(&injector, seconds, ReaderRecords, &reader);
-    atomic_store(&reader.stop, true);
-    pthread_join(thread, NULL);
-    if (rate < 0 || reader.error != 0) return -1;
-    printf("TAVI-VM: drain %s: bare reader %.0f records/s (%.1f s; the queue ran dry %ld "
-           "times, the injector was refused %ld times)\n",
-           g_prefix, rate, seconds, atomic_load(&reader.empty_reads),
-           atomic_load(&injector.refused));
-    return rate;
+static bool TakeSample(struct Daemon* daemon, struct Sample* sample) {
+    sample->sent = CountSent(&daemon->counter);
+    return sample->sent >= 0 && ReadUsage(daemon->pid, sample);
+}
+
+/* One round's figures; the daemon's are zero without one. */
+struct Round {
+    double bare, daemon; /* records per second of draining */
+    double ratio;
+    double user_us, system_us;     /* the daemon's CPU per record */
+    double reads, writes, written; /* the daemon's per record */
+};
+
+/* Alternates full-queue drains of the two readers until the daemon has drained SECONDS. */
+static bool MeasureRound(double seconds, struct Daemon* daemon, struct Round* round) {
+    int inject = open(INJECT_PATH, O_WRONLY);
+    int log = open(LOG_PATH, O_RDONLY);
+    const size_t size = (size_t)getpagesize();
+    char* buffer = malloc(size);
+    struct Drains bare = {0}, daemons = {0};
+    struct Sample first = {0}, last = {0};
+    bool ok = inject >= 0 && log >= 0 && buffer != NULL;
+    ok = ok && (daemon == NULL || TakeSample(daemon, &first));
+    while (ok && (daemon != NULL ? daemons.seconds : bare.seconds) < seconds) {
+        long filled = Inject(inject, 0);
+        ok = filled > 0 && BareDrain(log, buffer, size, filled, &bare);
+        if (ok && daemon != NULL) {
+            filled = Inject(inject, 0);
+            ok = filled > 0 && DaemonDrain(daemon, filled, &daemons);
+        }
+    }
+    ok = ok && (daemon == NULL || TakeSample(daemon, &last));
+    free(buffer);
+    if (log >= 0) close(log);
+    if (inject >= 0) close(inject);
+    if (!ok) return false;
+    memset(round, 0, sizeof(*round));
+    round->bare = (double)bare.records / bare.seconds;
+    if (daemon == NULL) return true;
+    double records = (double)daemons.records;
+    round->daemon = records / daemons.seconds;
+    round->ratio = round->daemon / round->bare;
+    round->user_us = (last.user_seconds - first.user_seconds) * 1e6 / records;
+    round->system_us = (last.system_seconds - first.system_seconds) * 1e6 / records;
+    round->reads = (double)(last.reads - first.reads) / records;
+    round->writes = (double)(last.writes - first.writes) / records;
+    round->written = (double)(last.written - first.written) / records;
+    return true;
 }
 
 /*
- * Injects SIZE records back to back and waits until the daemon has sent them all: 1 when
- * every record was queued and the dropped count did not move, 0 when not, -1 on error.
+ * Injects SIZE records back to back while the daemon runs and waits until it has sent them
+ * all: 1 when every record was queued and the dropped count did not move, 0 when not, -1 on
+ * error.
  */
-static int TryBurst(long size, struct LogCounter* counter, long* injected) {
+static int TryBurst(int inject, long size, struct Daemon* daemon) {
     long dropped = ReadDropped();
-    struct Injector injector = {.limit = size, .stop_on_refusal = true};
-    Inject(&injector);
-    *injected += atomic_load(&injector.accepted);
-    if (dropped < 0 || injector.error != 0 || !WaitForSent(counter, *injected)) return -1;
-    return atomic_load(&injector.accepted) == size && ReadDropped() == dropped;
+    long queued = Inject(inject, size);
+    if (dropped < 0 || queued < 0) return -1;
+    daemon->injected += queued;
+    if (!WaitForSent(&daemon->counter, daemon->injected)) return -1;
+    return queued == size && ReadDropped() == dropped;
 }
 
 /* Doubles the burst while it is absorbed, then bisects; returns the largest absorbed. */
-static long LargestBurst(struct LogCounter* counter, long* injected) {
+static double LargestBurst(int inject, struct Daemon* daemon) {
     long absorbed = 0, refused = 0, size = 128;
     while (refused == 0 && size <= kBurstCap) {
-        int outcome = TryBurst(size, counter, injected);
+        int outcome = TryBurst(inject, size, daemon);
         if (outcome < 0) return -1;
         if (outcome) absorbed = size, size *= 2;
         else refused = size;
     }
     while (refused != 0 && refused - absorbed > 1) {
         long middle = absorbed + (refused - absorbed) / 2;
-        int outcome = TryBurst(middle, counter, injected);
+        int outcome = TryBurst(inject, middle, daemon);
         if (outcome < 0) return -1;
         if (outcome) absorbed = middle;
         else refused = middle;
     }
-    return absorbed;
+    return (double)absorbed;
 }
 
-static bool MeasureDaemon(double seconds, const char* daemon, const char* library_dir,
-                          double bare_rate) {
-    pid_t pid = StartDaemon(daemon, library_dir);
-    if (pid < 0 || !WaitUntilReady(pid)) {
-        Fail("starting the daemon");
-        if (pid > 0) StopDaemon(pid);
+struct Spread {
+    double least, median, most;
+};
+
+static int CompareDoubles(const void* a, const void* b) {
+    double left = *(const double*)a, right = *(const double*)b;
+    return (left > right) - (left < right);
+}
+
+/* Of one field of the rounds' figures, found at OFFSET in each. */
+static struct Spread SpreadOf(const void* rounds, size_t size, size_t offset) {
+    double values[ROUNDS];
+    for (int i = 0; i < ROUNDS; i++) {
+        values[i] = *(const double*)((const char*)rounds + (size_t)i * size + offset);
+    }
+    qsort(values, ROUNDS, sizeof(values[0]), CompareDoubles);
+    return (struct Spread){values[0], values[ROUNDS / 2], values[ROUNDS - 1]};
+}
+
+static struct Spread RoundSpread(const struct Round rounds[ROUNDS], size_t offset) {
+    return SpreadOf(rounds, sizeof(rounds[0]), offset);
+}
+
+static void PrintRounds(const struct Round rounds[ROUNDS], bool with_daemon, double seconds) {
+    struct Spread bare = RoundSpread(rounds, offsetof(struct Round, bare));
+    printf("TAVI-VM: drain %s: bare reader: %.0f records/s (%.0f-%.0f)\n", g_prefix,
+           bare.median, bare.least, bare.most);
+    if (!with_daemon) return;
+    struct Spread daemon = RoundSpread(rounds, offsetof(struct Round, daemon));
+    printf("TAVI-VM: drain %s: tavi_daemon: %.0f records/s (%.0f-%.0f); per record %.0f us "
+           "user and %.0f us kernel CPU, %.2f reads, %.2f writes of %.0f bytes in all\n",
+           g_prefix, daemon.median, daemon.least, daemon.most,
+           RoundSpread(rounds, offsetof(struct Round, user_us)).median,
+           RoundSpread(rounds, offsetof(struct Round, system_us)).median,
+           RoundSpread(rounds, offsetof(struct Round, reads)).median,
+           RoundSpread(rounds, offsetof(struct Round, writes)).median,
+           RoundSpread(rounds, offsetof(struct Round, written)).median);
+    struct Spread ratio = RoundSpread(rounds, offsetof(struct Round, ratio));
+    printf("TAVI-VM: drain %s: tavi_daemon / bare reader: %.2f (%.2f-%.2f; %d rounds, each "
+           "%.1f s of the daemon's drains of a full queue, taking turns with the bare "
+           "reader)\n",
+           g_prefix, ratio.median, ratio.least, ratio.most, ROUNDS, seconds);
+}
+
+static bool MeasureBursts(struct Daemon* daemon) {
+    int inject = open(INJECT_PATH, O_WRONLY);
+    double bursts[ROUNDS];
+    bool measured = inject >= 0 && kill(daemon->pid, SIGCONT) == 0;
+    for (int round = 0; round < ROUNDS && measured; round++) {
+        bursts[round] = LargestBurst(inject, daemon);
+        measured = bursts[round] > 0;
+    }
+    if (inject >= 0) close(inject);
+    if (!measured) return false;
+    struct Spread burst = SpreadOf(bursts, sizeof(bursts[0]), 0);
+    printf("TAVI-VM: drain %s: largest burst absorbed with tavi_daemon reading, no record "
+           "dropped: %s%.0f records (%d searches: %.0f-%.0f)\n",
+           g_prefix, burst.median >= (double)kBurstCap ? ">= " : "", burst.median, ROUNDS,
+           burst.least, burst.most);
+    return true;
+}
+
+static bool Measure(double seconds, struct Daemon* daemon) {
+    struct Round rounds[ROUNDS];
+    for (int round = 0; round < ROUNDS; round++) {
+        if (!MeasureRound(seconds, daemon, &rounds[round])) {
+            Fail("measuring the drains");
+            return false;
+        }
+    }
+    PrintRounds(rounds, daemon != NULL, seconds);
+    if (daemon != NULL && !MeasureBursts(daemon)) {
+        Fail("the burst search");
         return false;
     }
-    struct LogCounter counter = {.fd = open(DAEMON_LOG, O_RDONLY)};
-    struct Injector injector = {0};
-    double rate = MeasureRate(&injector, seconds, DaemonRecords, &counter);
-    long injected = atomic_load(&injector.accepted);
-    bool drained = rate >= 0 && WaitForSent(&counter, injected);
-    if (drained) {
-        printf("TAVI-VM: drain %s: tavi_daemon %.0f records/s (%.1f s), %.2f of the bare "
-               "reader\n",
-               g_prefix, rate, seconds, bare_rate > 0 ? rate / bare_rate : 0.0);
-    } else {
-        Fail("measuring the daemon");
-    }
-    long burst = drained ? LargestBurst(&counter, &injected) : -1;
-    if (burst > 0) {
-        printf("TAVI-VM: drain %s: largest burst absorbed with tavi_daemon reading, no record "
-               "dropped: %s%ld records\n",
-               g_prefix, burst >= kBurstCap ? ">= " : "", burst);
-    } else if (drained) {
-        Fail("the burst search");
-    }
-    bool stopped = StopDaemon(pid);
-    if (!stopped) Fail("stopping the daemon with SIGTERM");
-    close(counter.fd);
-    return drained && burst > 0 && stopped;
+    return true;
+}
+
+static bool EmptyQueue(void) {
+    int log = open(LOG_PATH, O_RDONLY);
+    if (log < 0) return false;
+    char buffer[4096];
+    bool emptied = DrainQueue(log, buffer, sizeof(buffer)) >= 0;
+    close(log);
+    return emptied;
 }
 
 int main(int argc, char** argv) {
@@ -394,19 +477,21 @@ int main(int argc, char** argv) {
     }
     setvbuf(stdout, NULL, _IOLBF, 0);
     DescribeMachine();
-    double seconds = atof(argv[1]);
     if (!EmptyQueue()) {
         Fail("emptying the queue");
         return 1;
     }
-    double bare_rate = MeasureBareReader(seconds);
-    if (bare_rate < 0) {
-        Fail("measuring the bare reader");
-        return 1;
-    }
+    const double seconds = atof(argv[1]);
     if (argc == 2 || access(argv[2], X_OK) != 0) {
         printf("TAVI-VM: drain %s: no daemon in this image\n", g_prefix);
-        return 0;
+        return Measure(seconds, NULL) ? 0 : 1;
     }
-    return MeasureDaemon(seconds, argv[2], argv[3], bare_rate) ? 0 : 1;
+    struct Daemon daemon;
+    bool started = StartDaemon(argv[2], argv[3], &daemon) && Pause(&daemon);
+    if (!started) Fail("starting tavi_daemon");
+    bool measured = started && Measure(seconds, &daemon);
+    if (daemon.pid > 0) kill(daemon.pid, SIGCONT);
+    bool stopped = StopDaemon(&daemon);
+    if (!stopped) Fail("stopping tavi_daemon with SIGTERM (ending with status 0)");
+    return measured && stopped ? 0 : 1;
 }
