@@ -150,8 +150,8 @@ static long CountSent(struct LogCounter* counter) {
     char buffer[65536];
     for (;;) {
         memcpy(buffer, counter->carry, counter->carried);
-        ssize_t length = read(counter->fd, buffer + counter->carried,
-                              sizeof(buffer) - counter->carried);
+        ssize_t length =
+                read(counter->fd, buffer + counter->carried, sizeof(buffer) - counter->carried);
         if (length < 0) return -1;
         if (length == 0) return counter->sent;
         size_t total = counter->carried + (size_t)length;
@@ -218,9 +218,8 @@ static bool ReadUsage(pid_t pid, struct Sample* sample) {
     /* utime and stime, fields 14 and 15; the name before them may hold spaces. */
     const char* fields = strrchr(text, ')');
     unsigned long user, system;
-    if (fields == NULL ||
-        sscanf(fields + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
-               &system) != 2) {
+    if (fields == NULL || sscanf(fields + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+                                 &user, &system) != 2) {
         return false;
     }
     const double tick = 1.0 / (double)sysconf(_SC_CLK_TCK);
@@ -370,15 +369,22 @@ static double LargestBurst(int inject, struct Daemon* daemon) {
     while (refused == 0 && size <= kBurstCap) {
         int outcome = TryBurst(inject, size, daemon);
         if (outcome < 0) return -1;
-        if (outcome) absorbed = size, size *= 2;
-        else refused = size;
+        if (outcome) {
+            absorbed = size;
+            size *= 2;
+        } else {
+            refused = size;
+        }
     }
     while (refused != 0 && refused - absorbed > 1) {
         long middle = absorbed + (refused - absorbed) / 2;
         int outcome = TryBurst(inject, middle, daemon);
         if (outcome < 0) return -1;
-        if (outcome) absorbed = middle;
-        else refused = middle;
+        if (outcome) {
+            absorbed = middle;
+        } else {
+            refused = middle;
+        }
     }
     return (double)absorbed;
 }
@@ -408,8 +414,8 @@ static struct Spread RoundSpread(const struct Round rounds[ROUNDS], size_t offse
 
 static void PrintRounds(const struct Round rounds[ROUNDS], bool with_daemon, double seconds) {
     struct Spread bare = RoundSpread(rounds, offsetof(struct Round, bare));
-    printf("TAVI-VM: drain %s: bare reader: %.0f records/s (%.0f-%.0f)\n", g_prefix,
-           bare.median, bare.least, bare.most);
+    printf("TAVI-VM: drain %s: bare reader: %.0f records/s (%.0f-%.0f)\n", g_prefix, bare.median,
+           bare.least, bare.most);
     if (!with_daemon) return;
     struct Spread daemon = RoundSpread(rounds, offsetof(struct Round, daemon));
     printf("TAVI-VM: drain %s: tavi_daemon: %.0f records/s (%.0f-%.0f); per record %.0f us "
