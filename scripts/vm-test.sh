@@ -187,6 +187,7 @@ make_initramfs() {
     install -m 0755 "$root/vm/init.sh" "$stage/init"
     cp "$kmod/tavi_log.ko" "$kmod/tavi_log_test.ko" "$stage/modules/"
     cp "$build_dir/pollcheck-$arch" "$stage/bin/pollcheck"
+    cp "$build_dir/drainbench-$arch" "$stage/bin/drainbench"
     mknod "$stage/dev/console" c 5 1 2>/dev/null || true
     if [[ -n "$daemon_build" ]]; then
         local triplet=x86_64-linux-gnu sysroot=
@@ -201,6 +202,9 @@ make_initramfs() {
         stage_libraries "$stage" "$search" "$stage/bin/tavi_daemon" "$stage/bin/ubo_sim" \
             "$stage/bin/ubo_simctl"
         [[ -e "$stage/lib/libubo.so" ]] || die "tavi_daemon does not link libubo.so"
+        # The drain benchmark puts it ahead of the real one.
+        mkdir -p "$stage/lib/ubo-stub"
+        cp "$build_dir/ubo-stub-$arch/libubo.so" "$stage/lib/ubo-stub/"
     fi
     (cd "$stage" && find . | cpio -o -H newc -R 0:0 --quiet) | gzip -1 >"$image"
 }
@@ -212,6 +216,8 @@ run_vm() {
     [[ "$arch" == arm64 ]] && console=ttyAMA0
     # Emulated on a busy host, the kernel's IO-APIC timer check can fail and stop the boot.
     local append="console=$console panic=-1 quiet loglevel=4"
+    # Two vCPUs, so that the drain benchmark's injector and reader do not take turns on one.
+    local smp=2
     [[ "$arch" == x86_64 ]] && append+=" no_timer_check"
     local status attempt
     for attempt in 1 2; do
@@ -221,10 +227,11 @@ run_vm() {
             arm64-kvm) qemu=(qemu-system-aarch64 -M virt,gic-version=host -accel kvm -cpu host) ;;
             arm64-tcg) qemu=(qemu-system-aarch64 -M virt -cpu cortex-a57 -accel tcg) ;;
         esac
-        say "$arch: qemu with ${accel^^} ($accel_why)"
+        say "$arch: qemu with ${accel^^} ($accel_why), $smp vCPUs"
         status=0
-        timeout -k 10 "$vm_timeout" nice "${qemu[@]}" -m 512 -smp 1 -nographic -no-reboot \
-            -kernel "$kernel" -initrd "$initrd" -append "$append" \
+        # The drain benchmark prints the accelerator: it reads it from the command line.
+        timeout -k 10 "$vm_timeout" nice "${qemu[@]}" -m 512 -smp "$smp" -nographic -no-reboot \
+            -kernel "$kernel" -initrd "$initrd" -append "$append tavi.accel=$accel" \
             </dev/null >"$console_log" 2>&1 || status=$?
         tr -d '\r' <"$console_log" >"$console_log.txt"
         # Only a boot that never reached /init is tried again; a failed check is final.
@@ -292,6 +299,8 @@ prepare_arch() {
     build_module "$arch" "$kdir" "$build_dir/kmod-$arch"
     quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -o "$build_dir/pollcheck-$arch" \
         "$root/vm/pollcheck.c"
+    quiet nice "$cc" -static -O2 -Wall -Wextra -Werror -o "$build_dir/drainbench-$arch" \
+        "$root/vm/drainbench.c"
     local daemon_build=
     if [[ "$with_daemon" == 1 ]]; then
         daemon_build="$build_dir/daemon-$arch"
@@ -307,6 +316,12 @@ prepare_arch() {
             say "$arch: building tavi_daemon, ubo_sim, ubo_simctl and libubo.so"
             build_daemon "$arch" "$daemon_build"
         fi
+        # The benchmarks' event library, always active and discarding every event, in the
+        # place of libubo.so for the drain benchmark.
+        mkdir -p "$build_dir/ubo-stub-$arch"
+        quiet nice "${cc%gcc}g++" -std=c++17 -shared -fPIC -O2 -Wall -Wextra -Werror \
+            -I"$root/libubo/include" -Wl,-soname,libubo.so \
+            -o "$build_dir/ubo-stub-$arch/libubo.so" "$root/bench/ubo_stub.cpp"
     fi
     make_initramfs "$arch" "$kernel_dir" "$build_dir/kmod-$arch" "$daemon_build" \
         "$build_dir/initramfs-$arch.cpio.gz"

@@ -302,4 +302,5 @@ if [ -x /bin/tavi_daemon ]; then
 else
 	echo "TAVI-VM: no daemon in this image, kernel checks only"
 fi
+check "drain benchmark ran" drainbench 3 /bin/tavi_daemon /lib/ubo-stub
 finish
