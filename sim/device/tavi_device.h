@@ -14,6 +14,11 @@
 namespace vendor::vesk::tavi::sim {
 
 constexpr int kExitFailure = 1;
+// The daemon's lines that tell what became of one record.
+inline const std::string kSentPrefix = "Send the message to UBO: ";
+inline const std::string kCachedPrefix = "Store the message in the cache: ";
+inline const std::string kUnpackedPrefix = "Failed to pack the massage: ";
+inline const std::string kUnparsedPrefix = "Failed to parse the string for MessageType ";
 
 // Checked `words` run on `device`; `up` starts it.
 OwnerReply RunCommand(SimulatedDevice& device, const std::vector<std::string>& words);
