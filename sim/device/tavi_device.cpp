@@ -453,17 +453,12 @@ int BringUp(const std::vector<std::string>& words, const std::string& state_dir,
     return Print(StartOwner(socket, state_dir + "/owner.log", handle, words));
 }
 
-// `logs -f`: the daemon's log as it grows, until interrupted.
+// `logs -f`: the daemon's log as it grows, until interrupted; by name, so that the log of a
+// new `up` is followed once the old one is moved aside.
 int FollowLog(const std::string& state_dir) {
     const std::string path = state_dir + "/daemon.log";
-    for (size_t shown = 0;; std::this_thread::sleep_for(200ms)) {
-        std::string text;
-        android::base::ReadFileToString(path, &text);
-        if (text.size() < shown) shown = 0;  // moved aside by a new `up`
-        fputs(text.substr(shown).c_str(), stdout);
-        (void)fflush(stdout);
-        shown = text.size();
-    }
+    execl("/usr/bin/tail", "tail", "-n", "+1", "-F", path.c_str(), nullptr);
+    return PrintError("cannot run /usr/bin/tail: " + std::string(strerror(errno)));
 }
 
 int Main(const std::vector<std::string>& words) {
