@@ -24,6 +24,9 @@ using Json = nlohmann::json;
 constexpr milliseconds kTimeout = 10s;
 const std::string kCachePath = "/mnt/vendor/persist/tavi/cache.bin";
 
+constexpr const char* kUnquoted =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
+
 // The story's records in the text form the daemon logs them with.
 constexpr const char* kChargerReset =
         "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
@@ -133,6 +136,17 @@ const std::vector<Step>& Story() {
             Do("down"),
     };
     return kStory;
+}
+
+// `words` as a shell would need them typed.
+std::string ShellQuote(const Args& words) {
+    std::vector<std::string> quoted;
+    for (const std::string& word : words) {
+        const bool plain = !word.empty() && word.find_first_not_of(kUnquoted) == std::string::npos;
+        quoted.push_back(
+                plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
+    }
+    return android::base::Join(quoted, ' ');
 }
 
 class Demo {

@@ -58,8 +58,6 @@ environment: TAVI_DEVICE_STATE (state folder, default /var/lib/tavi-device)
 const Args kServiceCommands = {"active", "inactive", "ok", "refuse", "accept", "status", "fail"};
 const std::string kOutcomePrefixes[] = {kSentPrefix, kCachedPrefix, kUnpackedPrefix,
                                         kUnparsedPrefix};
-constexpr const char* kUnquoted =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
 constexpr const char* kRetryPrefix = "UBO is not yet active or available";
 constexpr milliseconds kOutcomeTimeout = 3s;
 constexpr int kDefaultStopSeconds = 30;
@@ -497,16 +495,6 @@ OwnerReply RunCommand(SimulatedDevice& device, const Args& words) {
     const Handler on_device = kCommands.at(words[0]).on_device;
     if (on_device == nullptr) return ShowState(words, device.StateDir());
     return on_device(device, {words.begin() + 1, words.end()});
-}
-
-std::string ShellQuote(const Args& words) {
-    std::vector<std::string> quoted;
-    for (const std::string& word : words) {
-        const bool plain = !word.empty() && word.find_first_not_of(kUnquoted) == std::string::npos;
-        quoted.push_back(
-                plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
-    }
-    return android::base::Join(quoted, ' ');
 }
 
 std::string Visible(std::string text) {

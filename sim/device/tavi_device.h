@@ -25,8 +25,6 @@ OwnerReply RunCommand(SimulatedDevice& device, const std::vector<std::string>& w
 // The demo on a fresh device in `state_dir`: 0 when every expected line and event was seen.
 int RunDemo(const std::string& state_dir, const Binaries& binaries);
 
-// `words` as a shell would need them typed.
-std::string ShellQuote(const std::vector<std::string>& words);
 // Control characters shown as escapes (\n, \r, \t), so that a text stays on its line.
 std::string Visible(std::string text);
 // One line for one record of the event service.
