@@ -53,31 +53,25 @@ constexpr const char* kDisplayAfterErrors =
         "Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: 2000, Param1: 0, Param2: 0, "
         "Param3: 0, Param4: 0, Message: }";
 
-// One step of the story: a headline or a note, or a command and what must follow it.
+// One step of the story: a command and what must follow it, or a headline or a note.
 struct Step {
-    std::string headline{};
-    std::string note{};
     std::string command{};  // tavi-device's words, one space apart
     int status = 0;
     Args lines{};          // the daemon must log each
     std::string record{};  // JSON: members of a record the service must write
     Args output{};         // the command's output must hold each
     Args flushed{};        // the daemon's lines of the cache flush, exactly
+    std::string headline{};
+    std::string note{};
 };
 
-Step Say(const std::string& headline, const std::string& note = "") {
-    return {headline, note};
+Step Say(std::string headline, std::string note = "") {
+    return {"", 0, {}, "", {}, {}, std::move(headline), std::move(note)};
 }
 
-Step Do(const std::string& command, int status = 0, Args lines = {}, std::string record = "",
+Step Do(std::string command, int status = 0, Args lines = {}, std::string record = "",
         Args output = {}, Args flushed = {}) {
-    return {"",
-            "",
-            command,
-            status,
-            std::move(lines),
-            std::move(record),
-            std::move(output),
+    return {std::move(command), status, std::move(lines), std::move(record), std::move(output),
             std::move(flushed)};
 }
 
