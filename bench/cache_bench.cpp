@@ -3,9 +3,6 @@
 // and Load of a full file into an empty cache (128 kept, every further record refused with
 // its log line). Only Save and Load are timed; writing the starting file is not.
 
-#include <time.h>
-
-#include <chrono>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,16 +48,9 @@ std::string CacheFileOf(size_t size, size_t* entries = nullptr) {
     }
 }
 
-double ThreadCpuMs() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
-}
-
 // Each iteration writes `content` to a fresh cache file and `stored` messages into a new cache,
-// then times `operation` alone: its wall time is the iteration's time, and its CPU time (this
-// thread only, the steadier figure on a shared machine) goes to the counter cpu_ms. Returns the
-// last iteration's cache and what the file holds after it.
+// then times `operation` alone; its CPU time is this thread's only, the steadier figure on a
+// shared machine. Returns the last iteration's cache and what the file holds after it.
 std::pair<MessageCache, std::string> TimeOnFile(
         benchmark::State& state, const std::string& content, uint32_t stored,
         bool (MessageCache::*operation)(const std::string&)) {
@@ -68,20 +58,14 @@ std::pair<MessageCache, std::string> TimeOnFile(
     const TemporaryDir dir;
     const std::string path = std::string(dir.path) + "/cache.bin";
     MessageCache cache(kCacheCapacity);
-    double cpu_ms = 0;
     for ([[maybe_unused]] auto _ : state) {
+        state.PauseTiming();
         android::base::WriteStringToFile(content, path);
         cache = MessageCache(kCacheCapacity);
         for (uint32_t i = 0; i < stored; ++i) cache.Store(ChargerRecord(1000000 + i));
-        const double cpu_start = ThreadCpuMs();
-        const auto start = std::chrono::steady_clock::now();
-        const bool done = (cache.*operation)(path);
-        const auto end = std::chrono::steady_clock::now();
-        cpu_ms += ThreadCpuMs() - cpu_start;
-        state.SetIterationTime(std::chrono::duration<double>(end - start).count());
-        if (!done) state.SkipWithError("the cache file operation failed");
+        state.ResumeTiming();
+        if (!(cache.*operation)(path)) state.SkipWithError("the cache file operation failed");
     }
-    state.counters["cpu_ms"] = benchmark::Counter(cpu_ms, benchmark::Counter::kAvgIterations);
     std::string left;
     android::base::ReadFileToString(path, &left);
     return {cache, left};
@@ -95,7 +79,7 @@ void BM_CacheSave_128IntoNearlyFullFile(benchmark::State& state) {
     state.counters["file_bytes_before"] = static_cast<double>(existing.size());
     state.counters["file_bytes_after"] = static_cast<double>(saved.size());
 }
-BENCHMARK(BM_CacheSave_128IntoNearlyFullFile)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CacheSave_128IntoNearlyFullFile)->Unit(benchmark::kMillisecond);
 
 void BM_CacheLoad_FullFile(benchmark::State& state) {
     size_t entries = 0;
@@ -106,7 +90,7 @@ void BM_CacheLoad_FullFile(benchmark::State& state) {
     state.counters["entries"] = static_cast<double>(entries);
     state.counters["kept"] = static_cast<double>(kept.size());
 }
-BENCHMARK(BM_CacheLoad_FullFile)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CacheLoad_FullFile)->Unit(benchmark::kMillisecond);
 
 // The pieces of Load's per-entry work: reading one record, and the refusal of a full cache.
 void BM_CacheRecordRead(benchmark::State& state) {

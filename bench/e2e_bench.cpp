@@ -5,20 +5,18 @@
 //     the attribute to its event at the service (median, 99th percentile);
 //   - the latency of single records sent one at a time;
 //   - the daemon's resident memory after start and after 100,000 records;
-//   - its CPU time, context switches and system calls over 10 idle seconds;
+//   - its CPU time and context switches over 10 idle seconds;
 //   - a start with a full cache file left by an earlier run: time to the end of the flush and
 //     the memory afterwards.
 // The simulator prints and logs every event and the daemon logs to a file; both are part of
 // the measured path.
 //
-// usage: tavi_e2e_bench [--burst N] [--single N] [--total N] [--idle SECONDS] [--keep]
+// usage: tavi_e2e_bench [--burst N] [--single N] [--total N] [--idle SECONDS]
 // Needs root and /dev/fuse; without them it says why and exits 0.
 
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -60,7 +58,6 @@ struct Options {
     int single = 1000;
     int total = 100000;
     int idle_seconds = 10;
-    bool keep = false;
 };
 
 // Seconds since the epoch, as the service stamps its events.
@@ -83,29 +80,24 @@ std::map<std::string, int64_t> ReadFields(const std::string& path) {
     return fields;
 }
 
-// A process's /proc/PID/status figures (memory in KiB), its "Pss", "cpu_ticks" (user and
-// system) and its context switches summed over its threads.
+// A process's /proc/PID/status figures (memory in KiB), its "Pss", and summed over its threads
+// its context switches and its "cpu_ns", the time on a CPU that each thread's schedstat starts
+// with.
 using Sample = std::map<std::string, int64_t>;
 
 Sample TakeSample(pid_t pid) {
     const std::string proc = StringPrintf("/proc/%d", pid);
     Sample sample = ReadFields(proc + "/status");
     sample["Pss"] = ReadFields(proc + "/smaps_rollup")["Pss"];
-    std::string stat;
-    ReadFileToString(proc + "/stat", &stat);
-    // utime and stime are the 14th and 15th fields; the command name before them ends at the
-    // last ')'.
-    const size_t after_name = std::min(stat.rfind(')') + 2, stat.size());
-    const std::vector<std::string> fields = android::base::Split(stat.substr(after_name), " ");
-    sample["cpu_ticks"] = fields.size() > 12 ? strtoll(fields[11].c_str(), nullptr, 10) +
-                                                       strtoll(fields[12].c_str(), nullptr, 10)
-                                             : 0;
-    sample["voluntary_ctxt_switches"] = sample["nonvoluntary_ctxt_switches"] = 0;
+    sample["cpu_ns"] = sample["voluntary_ctxt_switches"] = sample["nonvoluntary_ctxt_switches"] = 0;
     std::error_code error;
     for (const auto& task : std::filesystem::directory_iterator(proc + "/task", error)) {
         for (const auto& [key, value] : ReadFields(task.path().string() + "/status")) {
             if (android::base::EndsWith(key, "ctxt_switches")) sample[key] += value;
         }
+        std::string schedstat;
+        ReadFileToString(task.path().string() + "/schedstat", &schedstat);
+        sample["cpu_ns"] += strtoll(schedstat.c_str(), nullptr, 10);
     }
     return sample;
 }
@@ -127,9 +119,7 @@ double Percentile(std::vector<double> values, double fraction) {
 
 class Bench {
   public:
-    explicit Bench(Options options) : options_(options) {
-        if (options_.keep) dir_.DoNotRemove();
-    }
+    explicit Bench(Options options) : options_(options) {}
 
     // Empty once the device runs and the daemon is connected; otherwise what failed.
     std::string Start() {
@@ -160,7 +150,6 @@ class Bench {
         Idle();
         Stop();
         FullCacheStart();
-        if (options_.keep) printf("e2e: files kept in %s\n", dir_.path);
         return ok_ ? 0 : 1;
     }
 
@@ -279,55 +268,16 @@ class Bench {
         Sample before = TakeSample(pid);
         std::this_thread::sleep_for(std::chrono::seconds(options_.idle_seconds));
         Sample after = TakeSample(pid);
+        // No periodic wake-up: an idle daemon neither runs nor switches.
         printf("e2e idle %d s: CPU time %.3f s, voluntary context switches %ld, involuntary %ld\n",
-               options_.idle_seconds,
-               static_cast<double>(after["cpu_ticks"] - before["cpu_ticks"]) /
-                       static_cast<double>(sysconf(_SC_CLK_TCK)),
+               options_.idle_seconds, static_cast<double>(after["cpu_ns"] - before["cpu_ns"]) / 1e9,
                after["voluntary_ctxt_switches"] - before["voluntary_ctxt_switches"],
                after["nonvoluntary_ctxt_switches"] - before["nonvoluntary_ctxt_switches"]);
-        const std::string idle = Trace(options_.idle_seconds, 0);
-        printf("e2e idle %d s under strace -f -c: %s\n", options_.idle_seconds,
-               idle.empty() ? "no system call" : ("\n" + idle).c_str());
-        // The same tracer while a few records pass, to show that it does see the daemon's calls.
-        constexpr int kControlRecords = 10;
-        const std::string control = Trace(2, kControlRecords);
-        printf("e2e control: strace -f -c while %d records pass:\n%s", kControlRecords,
-               control.c_str());
-    }
-
-    // Summary of `strace -f -c` attached to the daemon for `seconds`, while `records` records
-    // are written; empty when it saw no system call at all. Attaching interrupts the blocking
-    // poll(), which the kernel restarts on its own: the tracer does not count that as a call.
-    std::string Trace(int seconds, int records) {
-        // Fresh files for each trace, so that an earlier tracer's "attached" is not taken for
-        // this one's.
-        const std::string files = StringPrintf("%s/strace-%d", dir_.path, trace_count_++);
-        tavi::sim::Process tracer;
-        if (access("/usr/bin/strace", X_OK) != 0 ||
-            !tracer.Start({"/usr/bin/strace", "-f", "-c", "-p", std::to_string(device_.DaemonPid()),
-                           "-o", files + ".txt"},
-                          files + ".out")
-                     .empty()) {
-            return "(strace not available)";
-        }
-        std::string text;
-        auto attached = [&] {
-            return ReadFileToString(files + ".out", &text) &&
-                   text.find("attached") != std::string::npos;
-        };
-        if (!WaitUntil(attached, 5s)) return "(strace did not attach)";
-        for (int i = 0; i < records; ++i) Inject(next_record_++);
-        if (records > 0) WaitDelivered(next_record_ - 1, 5s);
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-        tracer.Stop(SIGINT, 5s);
-        ReadFileToString(files + ".txt", &text);
-        return text;
     }
 
     void Stop() {
         device_.SignalDaemon(SIGTERM);
-        const std::optional<int> status = device_.WaitForDaemonExit(10s);
-        const bool clean = status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
+        const bool clean = device_.WaitForDaemonExit(10s) == 0;  // the wait status of exit(0)
         printf("e2e stop: daemon %s after SIGTERM\n",
                clean ? "exited with 0" : "did NOT exit cleanly");
         if (!clean) ok_ = false;
@@ -372,7 +322,6 @@ class Bench {
     size_t unexpected_ = 0;
     std::vector<double> injected_at_;
     int next_record_ = 0;
-    int trace_count_ = 0;
     bool ok_ = true;
 };
 
@@ -384,10 +333,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
                       : flag == "--total"  ? &options.total
                       : flag == "--idle"   ? &options.idle_seconds
                                            : nullptr;
-        if (flag == "--keep") {
-            options.keep = true;
-        } else if (target == nullptr || i + 1 >= argc ||
-                   !android::base::ParseInt(argv[++i], target, 1)) {
+        if (target == nullptr || i + 1 >= argc || !android::base::ParseInt(argv[++i], target, 1)) {
             return false;
         }
     }
@@ -399,8 +345,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
 int main(int argc, char** argv) {
     Options options;
     if (!ParseOptions(argc, argv, options)) {
-        fprintf(stderr,
-                "usage: %s [--burst N] [--single N] [--total N] [--idle SECONDS] [--keep]\n",
+        fprintf(stderr, "usage: %s [--burst N] [--single N] [--total N] [--idle SECONDS]\n",
                 argv[0]);
         return 2;
     }

@@ -3,7 +3,7 @@
 # Builds the benchmarks (Release) into build-bench/ and prints every figure: per-record work
 # in process against the regular-expression reading of the line format, the cache file at its
 # ceiling, and the daemon end to end in the simulated device (root and FUSE; skipped
-# otherwise) with its memory, CPU and system calls at rest.
+# otherwise) with its memory and CPU at rest.
 #
 # usage: scripts/bench.sh [extra arguments for tavi_e2e_bench, e.g. --total 20000]
 set -euo pipefail
@@ -11,7 +11,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-bench}
 started=$SECONDS
 
-"$root/scripts/setup.sh" strace
+"$root/scripts/setup.sh"
 cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=Release -DTAVI_BUILD_BENCH=ON \
     -DTAVI_BUILD_TESTS=OFF >/dev/null
 cmake --build "$build_dir" -j2 --target tavi_benchmarks tavi_e2e_bench -- --no-print-directory \
@@ -42,8 +42,8 @@ verdict() {
 record=$(median BM_RecordPath cpu_time)
 quiet=$(median BM_RecordPath_InfoLogsOff cpu_time)
 regex=$(median BM_RecordPath_RegexParser cpu_time)
-save=$(median BM_CacheSave_128IntoNearlyFullFile/manual_time cpu_ms)
-load=$(median BM_CacheLoad_FullFile/manual_time cpu_ms)
+save=$(median BM_CacheSave_128IntoNearlyFullFile cpu_time)
+load=$(median BM_CacheLoad_FullFile cpu_time)
 echo
 echo "Figures (CPU time, median of 5 repetitions; wall time in the table above):"
 echo "  per record, parse to send:        $(verdict "$record" '<' 1000 ns)"

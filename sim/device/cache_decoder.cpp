@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <limits>
 #include <sstream>
 #include <vector>
 
@@ -33,11 +32,9 @@ constexpr size_t kHexBytesPerLine = 32;
 
 // The reader's string-to-int conversion ends the process on a leading number outside int32.
 bool OutOfRange(const std::string& piece) {
-    int64_t value = 0;
-    const auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), value);
-    return error == std::errc::result_out_of_range ||
-           (error == std::errc() && (value < std::numeric_limits<int32_t>::min() ||
-                                     value > std::numeric_limits<int32_t>::max()));
+    int32_t value = 0;
+    return std::from_chars(piece.data(), piece.data() + piece.size(), value).ec ==
+           std::errc::result_out_of_range;
 }
 
 // The piece with its leading number replaced by a zero of the same sign: it passes or fails the

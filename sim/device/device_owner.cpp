@@ -76,10 +76,9 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
     }
 }
 
-// The owner itself, a grandchild of the caller so that nobody has to reap it; it closes
-// `listening` once it listens.
+// The owner itself, a grandchild of the caller so that nobody has to reap it.
 [[noreturn]] void RunOwner(const std::string& socket_path, const std::string& log_path,
-                           const OwnerRequestHandler& handle, unique_fd listening) {
+                           const OwnerRequestHandler& handle, const unique_fd& listener) {
     setsid();
     if (fork() != 0) _exit(0);
     unique_fd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -88,9 +87,7 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
     dup2(output.get(), STDOUT_FILENO);
     dup2(output.get(), STDERR_FILENO);
     (void)signal(SIGPIPE, SIG_IGN);
-    unique_fd listener = Listen(socket_path);
-    listening.reset();
-    if (listener.ok()) Serve(listener, handle);
+    Serve(listener, handle);
     unlink(socket_path.c_str());
     _exit(0);
 }
@@ -99,17 +96,13 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
 
 OwnerReply StartOwner(const std::string& socket_path, const std::string& log_path,
                       const OwnerRequestHandler& handle, const std::vector<std::string>& first) {
-    unique_fd read_end, write_end;
-    if (!android::base::Pipe(&read_end, &write_end)) return {1, "", "pipe() failed\n"};
+    // Listening before the fork: the first request waits in the backlog until the owner serves.
+    unique_fd listener = Listen(socket_path);
+    if (!listener.ok()) return {1, "", "cannot listen on " + socket_path + "\n"};
     const pid_t child = fork();
-    if (child == 0) {
-        read_end.reset();
-        RunOwner(socket_path, log_path, handle, std::move(write_end));
-    }
-    write_end.reset();
+    if (child == 0) RunOwner(socket_path, log_path, handle, listener);
+    listener.reset();  // an owner that ended must refuse the request, not leave it waiting
     if (child > 0) waitpid(child, nullptr, 0);
-    std::string nothing;
-    android::base::ReadFdToString(read_end, &nothing);  // the end of the file: it listens or ended
     return AskOwner(socket_path, first)
             .value_or(OwnerReply{
                     1, "", "the device's owner ended during start-up; see " + log_path + "\n"});

@@ -22,11 +22,10 @@ using Args = std::vector<std::string>;
 using Json = nlohmann::json;
 
 constexpr milliseconds kTimeout = 10s;
-const std::string kCached = "Store the message in the cache: ";
-const std::string kSent = "Send the message to UBO: ";
-const std::string kUnpacked = "Failed to pack the massage: ";
-const std::string kUnparsed = "Failed to parse the string for MessageType LOG: ";
 const std::string kCachePath = "/mnt/vendor/persist/tavi/cache.bin";
+
+constexpr const char* kUnquoted =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
 
 // The story's records in the text form the daemon logs them with.
 constexpr const char* kChargerReset =
@@ -54,31 +53,25 @@ constexpr const char* kDisplayAfterErrors =
         "Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: 2000, Param1: 0, Param2: 0, "
         "Param3: 0, Param4: 0, Message: }";
 
-// One step of the story: a headline or a note, or a command and what must follow it.
+// One step of the story: a command and what must follow it, or a headline or a note.
 struct Step {
-    std::string headline{};
-    std::string note{};
     std::string command{};  // tavi-device's words, one space apart
     int status = 0;
     Args lines{};          // the daemon must log each
     std::string record{};  // JSON: members of a record the service must write
     Args output{};         // the command's output must hold each
     Args flushed{};        // the daemon's lines of the cache flush, exactly
+    std::string headline{};
+    std::string note{};
 };
 
-Step Say(const std::string& headline, const std::string& note = "") {
-    return {headline, note};
+Step Say(std::string headline, std::string note = "") {
+    return {"", 0, {}, "", {}, {}, std::move(headline), std::move(note)};
 }
 
-Step Do(const std::string& command, int status = 0, Args lines = {}, std::string record = "",
+Step Do(std::string command, int status = 0, Args lines = {}, std::string record = "",
         Args output = {}, Args flushed = {}) {
-    return {"",
-            "",
-            command,
-            status,
-            std::move(lines),
-            std::move(record),
-            std::move(output),
+    return {std::move(command), status, std::move(lines), std::move(record), std::move(output),
             std::move(flushed)};
 }
 
@@ -89,7 +82,8 @@ const std::vector<Step>& Story() {
                 "meanwhile every record it accepts is stored in its cache."),
             Do("up"),
             Do("inject 4,1,3001,1,0,0,0 3,0,2000,1,0,0,0 2,2,1000,-1,-7,42,0", 0,
-               {kCached + kChargerReset, kCached + kDisplayShort, kCached + kBadSector}),
+               {kCachedPrefix + kChargerReset, kCachedPrefix + kDisplayShort,
+                kCachedPrefix + kBadSector}),
             Say("2. SIGTERM: the daemon saves its cache, then waits for the service"),
             Do("stop-daemon TERM", 0, {"Saved the cache to " + kCachePath, "tavi_daemon ended"}),
             Say("", "The cache file is in the persist folder, which the daemon sees as " +
@@ -106,27 +100,27 @@ const std::vector<Step>& Story() {
                 "When the service is active, the daemon loads the file and replays this run's "
                 "record first, then the saved ones."),
             Do("start-daemon"),
-            Do("inject 4,0,3000,0,5,0,0", 0, {kCached + kInvalidBattery}),
+            Do("inject 4,0,3000,0,5,0,0", 0, {kCachedPrefix + kInvalidBattery}),
             Do("service active", 0, {"Loaded the cache from " + kCachePath, "Cache flush ended"},
                "", {},
-               {kSent + kInvalidBattery, kSent + kChargerReset, kSent + kDisplayShort,
-                kSent + kBadSector}),
+               {kSentPrefix + kInvalidBattery, kSentPrefix + kChargerReset,
+                kSentPrefix + kDisplayShort, kSentPrefix + kBadSector}),
             Do("cache", 0, {},
                R"({"kind": "event", "probe": "TaviLinuxOsBadSector",
                    "payload_hex": "080210e80718ffffffffffffffffff0120f9ffffffffffffffff01282a"})",
                {"no cache file"}),
             Say("4. Live records are delivered at once"),
-            Do("inject 4,2,3002,-1,0,300,1", 0, {kSent + kSocFreeze},
+            Do("inject 4,2,3002,-1,0,300,1", 0, {kSentPrefix + kSocFreeze},
                R"({"kind": "event", "probe": "TaviChargerDetectSocFreeze",
                    "payload_hex": "080210ba1718ffffffffffffffffff01200028ac023001"})"),
             Say("5. Records without an event: a camera record and an unknown charger code"),
             Do("inject 1,1,5,0,0,0,0 4,1,3099,0,0,0,0", kExitFailure,
-               {kUnpacked + kCamera, kUnpacked + kUnknownCharger}),
+               {kUnpackedPrefix + kCamera, kUnpackedPrefix + kUnknownCharger}),
             Say("6. Malformed lines are rejected; the daemon keeps serving"),
             Do("inject --raw 4,1,3001\\n 4,1,3001,1,0,0,0\\r\\n", kExitFailure),
             Do("inject 3,1,2000,0,0,0,0", 0,
-               {kUnparsed + "4,1,3001", kUnparsed + "4,1,3001,1,0,0,0\r",
-                kSent + kDisplayAfterErrors},
+               {kUnparsedPrefix + "LOG: 4,1,3001", kUnparsedPrefix + "LOG: 4,1,3001,1,0,0,0\r",
+                kSentPrefix + kDisplayAfterErrors},
                R"({"kind": "event", "seq": 6, "probe": "TaviDisplayShort",
                    "payload_hex": "080110d00f1800"})"),
             Say("7. SIGINT: the daemon closes its session"),
@@ -136,6 +130,17 @@ const std::vector<Step>& Story() {
             Do("down"),
     };
     return kStory;
+}
+
+// `words` as a shell would need them typed.
+std::string ShellQuote(const Args& words) {
+    std::vector<std::string> quoted;
+    for (const std::string& word : words) {
+        const bool plain = !word.empty() && word.find_first_not_of(kUnquoted) == std::string::npos;
+        quoted.push_back(
+                plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
+    }
+    return android::base::Join(quoted, ' ');
 }
 
 class Demo {
@@ -245,7 +250,7 @@ class Demo {
             if (text.empty()) continue;  // the end of a message's text form
             show_records_before(&text);
             printf("  daemon  | %c %s\n", lines[lines_shown_].severity, Visible(text).c_str());
-            if (android::base::StartsWith(text, kSent)) ++unmatched_sends_;
+            if (android::base::StartsWith(text, kSentPrefix)) ++unmatched_sends_;
         }
         show_records_before(nullptr);
     }

@@ -47,7 +47,7 @@ constexpr const char* kUsage = R"(usage: tavi-device COMMAND [ARGS]
   down                           stop everything and unmount; persist/ stays
   logs [-f]                      the daemon's log (-f: follow it)
   events                         the event service's records
-  cache                          the cache file in persist/, decoded
+  cache [FILE]                   the cache file in persist/ (or FILE, left as it is), decoded
   demo                           the daemon's story on a fresh device, every step checked
   help                           this text
 
@@ -55,29 +55,9 @@ environment: TAVI_DEVICE_STATE (state folder, default /var/lib/tavi-device)
              TAVI_BUILD_DIR (where the programs were built)
 )";
 
-// Each command with the optional words it takes; inject and service are checked apart.
-const std::map<std::string, Args> kCommands = {{"up", {"--active"}},
-                                               {"start-daemon", {"--no-attribute"}},
-                                               {"inject", {}},
-                                               {"service", {}},
-                                               {"stop-daemon", {"TERM", "INT", "--timeout"}},
-                                               {"restart", {"TERM", "INT"}},
-                                               {"status", {}},
-                                               {"down", {}},
-                                               {"logs", {"-f"}},
-                                               {"events", {}},
-                                               {"cache", {}},
-                                               {"demo", {}},
-                                               {"help", {}}};
 const Args kServiceCommands = {"active", "inactive", "ok", "refuse", "accept", "status", "fail"};
-// The daemon's lines that tell what became of one record.
-constexpr const char* kSentPrefix = "Send the message to UBO: ";
-constexpr const char* kCachedPrefix = "Store the message in the cache: ";
-constexpr const char* kOutcomePrefixes[] = {
-        kSentPrefix, kCachedPrefix,
-        "Failed to pack the massage: ", "Failed to parse the string for MessageType "};
-constexpr const char* kUnquoted =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
+const std::string kOutcomePrefixes[] = {kSentPrefix, kCachedPrefix, kUnpackedPrefix,
+                                        kUnparsedPrefix};
 constexpr const char* kRetryPrefix = "UBO is not yet active or available";
 constexpr milliseconds kOutcomeTimeout = 3s;
 constexpr int kDefaultStopSeconds = 30;
@@ -121,7 +101,7 @@ int FindOutcome(const std::vector<LogLine>& lines, size_t first, size_t* sends) 
         if (i < first) continue;
         const bool outcome =
                 std::any_of(std::begin(kOutcomePrefixes), std::end(kOutcomePrefixes),
-                            [&](const char* prefix) { return StartsWith(text, prefix); });
+                            [&](const std::string& prefix) { return StartsWith(text, prefix); });
         if (!flushing && outcome) return static_cast<int>(i);
         *sends += StartsWith(text, kSentPrefix) ? 1 : 0;
     }
@@ -355,6 +335,30 @@ OwnerReply Down(SimulatedDevice& device, const Args& /*args*/) {
     return {0, reply.out, reply.err, /*owner_ends=*/true};
 }
 
+using Handler = OwnerReply (*)(SimulatedDevice&, const Args&);
+
+// A command's optional words (inject and service are checked apart) and what runs it on the
+// device; those without run in the caller.
+struct Command {
+    Args options;
+    Handler on_device = nullptr;
+};
+
+const std::map<std::string, Command> kCommands = {
+        {"up", {{"--active"}, Up}},
+        {"start-daemon", {{"--no-attribute"}, StartDaemon}},
+        {"inject", {{}, Inject}},
+        {"service", {{}, Service}},
+        {"stop-daemon", {{"TERM", "INT", "--timeout"}, StopDaemon}},
+        {"restart", {{"TERM", "INT"}, Restart}},
+        {"status", {{}, Status}},
+        {"down", {{}, Down}},
+        {"logs", {{"-f"}}},
+        {"events", {}},
+        {"cache", {}},
+        {"demo", {}},
+        {"help", {}}};
+
 std::string CheckCommand(const Args& words) {
     const std::string& command = words[0];
     const Args args(words.begin() + 1, words.end());
@@ -363,6 +367,7 @@ std::string CheckCommand(const Args& words) {
         const size_t first = !args.empty() && args[0] == "--raw" ? 1 : 0;
         return args.size() > first ? "" : "inject needs at least one RECORD";
     }
+    if (command == "cache") return args.size() <= 1 ? "" : "cache takes at most one FILE";
     if (command == "service") {
         const bool fits = !args.empty() && Contains(kServiceCommands, args[0]) &&
                           args.size() == (args[0] == "fail" ? 2U : 1U);
@@ -370,7 +375,7 @@ std::string CheckCommand(const Args& words) {
     }
     for (size_t i = 0; i < args.size(); ++i) {
         int seconds = 0;
-        if (!Contains(kCommands.at(command), args[i])) {
+        if (!Contains(kCommands.at(command).options, args[i])) {
             return (StartsWith(args[i], "-") ? "unknown option '" : "unexpected argument '") +
                    args[i] + "' for " + command;
         }
@@ -382,17 +387,16 @@ std::string CheckCommand(const Args& words) {
     return "";
 }
 
-bool NeedsDevice(const std::string& command) {
-    return !Contains({"up", "logs", "events", "cache", "demo", "help"}, command);
-}
-
+// `logs`, `events` and `cache [FILE]`, read from the state folder's files.
 OwnerReply ShowState(const Args& words, const std::string& state_dir) {
     const std::string& command = words[0];
     const std::string path = state_dir + (command == "logs"     ? "/daemon.log"
                                           : command == "events" ? "/events.jsonl"
                                                                 : "/persist");
+    const bool own_file = words.size() == 1;
+    const std::string cache_file = own_file ? path + "/cache.bin" : words[1];
     OwnerReply reply;
-    if (access(path.c_str(), F_OK) != 0) {
+    if (own_file && access(path.c_str(), F_OK) != 0) {
         return Fail(reply, "nothing has run yet in " + state_dir + " (no " + path + ")");
     }
     if (command == "logs") {
@@ -401,10 +405,12 @@ OwnerReply ShowState(const Args& words, const std::string& state_dir) {
         for (const nlohmann::json& record : EventReader(path).ReadNew()) {
             Say(&reply, DescribeRecord(record));
         }
-    } else if (access((path + "/cache.bin").c_str(), F_OK) != 0) {
-        Say(&reply, "no cache file (" + path + "/cache.bin)");
-    } else if (!DescribeCacheFile(path + "/cache.bin", &reply.out)) {
-        return Fail(reply, reply.out);
+    } else if (own_file && access(cache_file.c_str(), F_OK) != 0) {
+        Say(&reply, "no cache file (" + cache_file + ")");
+    } else if (std::string text; DescribeCacheFile(cache_file, &text)) {
+        reply.out = text;
+    } else {
+        return Fail(reply, text);
     }
     return reply;
 }
@@ -445,17 +451,12 @@ int BringUp(const std::vector<std::string>& words, const std::string& state_dir,
     return Print(StartOwner(socket, state_dir + "/owner.log", handle, words));
 }
 
-// `logs -f`: the daemon's log as it grows, until interrupted.
+// `logs -f`: the daemon's log as it grows, until interrupted; by name, so that the log of a
+// new `up` is followed once the old one is moved aside.
 int FollowLog(const std::string& state_dir) {
     const std::string path = state_dir + "/daemon.log";
-    for (size_t shown = 0;; std::this_thread::sleep_for(200ms)) {
-        std::string text;
-        android::base::ReadFileToString(path, &text);
-        if (text.size() < shown) shown = 0;  // moved aside by a new `up`
-        fputs(text.substr(shown).c_str(), stdout);
-        (void)fflush(stdout);
-        shown = text.size();
-    }
+    execl("/usr/bin/tail", "tail", "-n", "+1", "-F", path.c_str(), nullptr);
+    return PrintError("cannot run /usr/bin/tail: " + std::string(strerror(errno)));
 }
 
 int Main(const std::vector<std::string>& words) {
@@ -472,7 +473,8 @@ int Main(const std::vector<std::string>& words) {
             FromEnvironment("TAVI_DEVICE_STATE", "/var/lib/tavi-device"), error);
     const Binaries binaries =
             Binaries::InBuildDir(FromEnvironment("TAVI_BUILD_DIR", TAVI_DEFAULT_BUILD_DIR));
-    if (NeedsDevice(words[0])) {
+    // `up` makes the device's owner; the others on the device ask it.
+    if (words[0] != "up" && kCommands.at(words[0]).on_device != nullptr) {
         if (std::optional<OwnerReply> reply = AskOwner(state_dir + "/owner.sock", words)) {
             return Print(*reply);
         }
@@ -483,35 +485,16 @@ int Main(const std::vector<std::string>& words) {
     }
     if (words[0] == "up") return BringUp(words, state_dir, binaries);
     if (words[0] == "demo") return RunDemo(state_dir, binaries);
-    if (words.size() == 2) return FollowLog(state_dir);  // logs -f
+    if (words[0] == "logs" && words.size() == 2) return FollowLog(state_dir);  // logs -f
     return Print(ShowState(words, state_dir));
 }
 
 }  // namespace
 
 OwnerReply RunCommand(SimulatedDevice& device, const Args& words) {
-    using Handler = OwnerReply (*)(SimulatedDevice&, const Args&);
-    static const std::map<std::string, Handler> kHandlers = {{"up", Up},
-                                                             {"start-daemon", StartDaemon},
-                                                             {"inject", Inject},
-                                                             {"service", Service},
-                                                             {"stop-daemon", StopDaemon},
-                                                             {"restart", Restart},
-                                                             {"status", Status},
-                                                             {"down", Down}};
-    auto handler = kHandlers.find(words[0]);
-    if (handler == kHandlers.end()) return ShowState(words, device.StateDir());
-    return handler->second(device, {words.begin() + 1, words.end()});
-}
-
-std::string ShellQuote(const Args& words) {
-    std::vector<std::string> quoted;
-    for (const std::string& word : words) {
-        const bool plain = !word.empty() && word.find_first_not_of(kUnquoted) == std::string::npos;
-        quoted.push_back(
-                plain ? word : "'" + android::base::StringReplace(word, "'", "'\\''", true) + "'");
-    }
-    return android::base::Join(quoted, ' ');
+    const Handler on_device = kCommands.at(words[0]).on_device;
+    if (on_device == nullptr) return ShowState(words, device.StateDir());
+    return on_device(device, {words.begin() + 1, words.end()});
 }
 
 std::string Visible(std::string text) {

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Checks tavi_cache_dump against hand-made cache files: one entry per case, its expected
-# verdict, and the file left exactly as it was.
+# Checks `tavi-device cache FILE` against hand-made cache files: one entry per case, its
+# expected verdict, and the file left exactly as it was.
 #
-# usage: tavi_cache_dump_test.sh PATH_TO_TAVI_CACHE_DUMP
+# usage: tavi_device_cache_test.sh PATH_TO_TAVI_DEVICE
 set -euo pipefail
 
-dump=$1
+device=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0
@@ -40,7 +40,7 @@ check_case() {
     printf "$bytes" > "$file"
     chmod 0600 "$file"
     before=$(stat -c '%s %a %Y' "$file"; md5sum < "$file")
-    if ! output=$("$dump" "$file"); then
+    if ! output=$("$device" cache "$file"); then
         fail "$name: exit status $?"
         return
     fi
@@ -59,13 +59,15 @@ done
 
 # Two entries, hex bytes, the summary, and empty pieces between terminators skipped.
 printf '0\0004\0003\0003001\0000\000-5\0000\0000\000\0\0\n\0\0\nx\0\0\n' > "$work/two.bin"
-output=$("$dump" "$work/two.bin")
+output=$("$device" cache "$work/two.bin")
 grep -qxF '    30 00 34 00 33 00 33 30 30 31 00 30 00 2D 35 00 30 00 30 00' <<< "$output" ||
     fail "hex line missing in: $output"
 grep -qxF '2 entries, 1 bad' <<< "$output" || fail "summary missing in: $output"
 
-if "$dump" "$work/missing.bin" 2> /dev/null; then fail "a missing file is not an error"; fi
-if "$dump" 2> /dev/null; then fail "no argument is not a usage error"; fi
+if "$device" cache "$work/missing.bin" 2> /dev/null; then fail "a missing file is not an error"; fi
+if "$device" cache "$work/two.bin" "$work/two.bin" 2> /dev/null; then
+    fail "two files are not a usage error"
+fi
 
 [[ $failures -eq 0 ]] || exit 1
-echo "tavi_cache_dump: all ${#cases[@]} cases and the checks around them pass"
+echo "tavi-device cache: all ${#cases[@]} cases and the checks around them pass"
