@@ -60,6 +60,8 @@ struct EmulatorState {
     // The handle of each open `log` file waiting for the next record. The kernel keeps one wait
     // queue per open file, so one handle per file is enough; a newer one replaces the older.
     std::map<uint64_t, PollHandle> watchers;
+    // The text each open `log` file took at its last read from offset 0: later offsets read it.
+    std::map<uint64_t, std::string> shown;
     uint64_t dropped = 0;
     uint64_t next_fh = 1;
     struct timespec start_time {};
@@ -164,11 +166,14 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
 }
 
 void Release(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
-    if (inode == kLogInode) State(request).watchers.erase(info->fh);
+    if (inode == kLogInode) {
+        State(request).watchers.erase(info->fh);
+        State(request).shown.erase(info->fh);
+    }
     fuse_reply_err(request, 0);
 }
 
-void Read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info*) {
+void Read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info* info) {
     std::deque<std::string>& records = State(request).records;
     if (inode == kPendingInode) {
         ReplyBufferFrom(request, std::to_string(records.size()) + "\n", offset, size);
@@ -178,14 +183,17 @@ void Read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_
         fuse_reply_err(request, EBADF);
         return;
     }
-    // Only a read from the start takes a record; the reader rewinds before the next one. What
-    // does not fit is lost, as when the attribute's single buffer is read short.
-    std::string record;
-    if (offset == 0 && !records.empty()) {
-        record = std::move(records.front());
-        records.pop_front();
+    // Only a read from the start takes a record; the reader rewinds before the next one. Reads
+    // further on are served from the text that read took, as sysfs serves them.
+    std::string& record = State(request).shown[info->fh];
+    if (offset == 0) {
+        record.clear();
+        if (!records.empty()) {
+            record = std::move(records.front());
+            records.pop_front();
+        }
     }
-    fuse_reply_buf(request, record.data(), std::min(size, record.size()));
+    ReplyBufferFrom(request, record, offset, size);
 }
 
 void Write(fuse_req_t request, fuse_ino_t inode, const char* data, size_t size, off_t,
