@@ -26,7 +26,7 @@ using sim::SimulatedDevice;
 
 const sim::Binaries kBinaries = sim::Binaries::InBuildDir(TAVI_BUILD_DIR);
 // What the listener asks poll() for on the attribute.
-constexpr short kNotified = POLLPRI | POLLERR;
+constexpr int kNotified = POLLPRI | POLLERR;
 
 class AttributeContractTest : public ::testing::Test {
   protected:
@@ -66,10 +66,10 @@ class AttributeContractTest : public ::testing::Test {
     }
 
     // The events poll() reports within `timeout`; 0 when it timed out.
-    static short Poll(int fd, std::chrono::milliseconds timeout) {
+    static int Poll(int fd, std::chrono::milliseconds timeout) {
         pollfd entry = {fd, kNotified, 0};
         const int ready = TEMP_FAILURE_RETRY(poll(&entry, 1, static_cast<int>(timeout.count())));
-        return ready > 0 ? entry.revents : static_cast<short>(ready);
+        return ready > 0 ? entry.revents : ready;
     }
 
     TemporaryDir state_;
@@ -146,7 +146,7 @@ TEST_F(AttributeContractTest, FreshDescriptorReportsAtOnce) {
         Inject(c.pending);
         android::base::unique_fd log = Open();
         ASSERT_TRUE(log.ok());
-        const short first = Poll(log.get(), 0ms);
+        const int first = Poll(log.get(), 0ms);
         if (c.pending.empty()) {
             EXPECT_TRUE(first == 0 || first == kNotified) << first;
         } else {

@@ -69,9 +69,8 @@ std::string ProbeAvailability(const Binaries& binaries) {
     std::string failure;
     const std::optional<AttributeKind> kind = AttributeFromEnvironment(&failure);
     if (!kind) return failure;
-    if (WaitScale() == 0) {
-        return "TAVI_WAIT_SCALE is a positive integer, not \"" +
-               std::string(getenv("TAVI_WAIT_SCALE")) + "\"";
+    if (const char* scale = getenv("TAVI_WAIT_SCALE"); WaitScale() == 0 && scale != nullptr) {
+        return "TAVI_WAIT_SCALE is a positive integer, not \"" + std::string(scale) + "\"";
     }
     const bool kernel = *kind == AttributeKind::kKernel;
     if (geteuid() != 0) {
