@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Boots Debian's stock kernel under full-system emulation with the tavi_log module, the
-# daemon, the event-service simulator and a busybox initramfs, and runs vm/init.sh in it.
+# daemon, the event-service simulator, the end-to-end suite and a busybox initramfs, and runs
+# vm/init.sh in it: the module's own checks, then the suite against the module's attribute.
 #
 # Usage: scripts/vm-test.sh [x86_64|arm64|all]        (default: all)
 #   BUILD_DIR     work folder (default: build-vm): unpacked kernels, builds, console logs
@@ -9,11 +10,12 @@
 #   TAVI_VM_ACCEL kvm or tcg (default: kvm when /dev/kvm opens and the guest is the host's
 #                 architecture, tcg otherwise); a guest that does not boot with KVM is
 #                 booted again with TCG
-#   VM_TIMEOUT    seconds one VM may run (default: 180)
+#   VM_TIMEOUT    seconds one VM may run (default: 300)
+#   TAVI_VM_WAIT_SCALE  multiplies the suite's waits (default: 1 with KVM, 4 with TCG)
 #   KERNEL_ABI    Debian kernel ABI, e.g. 6.1.0-56 (default: the one linux-image-amd64 names)
 #   TAVI_VM_HOST_BUILD  a configured host build whose binaries the host-architecture VM uses
 #                 (default: build, the test command's; a build of its own when absent)
-#   TAVI_VM_DAEMON=0  kernel checks only: no daemon, simulator or libubo in the image
+#   TAVI_VM_DAEMON=0  kernel checks only: no daemon, simulator, suite or libubo in the image
 #   TAVI_VM_KERNEL, TAVI_VM_KDIR  boot this kernel image and build the module in this kernel
 #                 build tree instead of Debian's (x86_64; scripts/vm-debug-kernel.sh sets them)
 #
@@ -22,7 +24,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-vm}
-vm_timeout=${VM_TIMEOUT:-180}
+vm_timeout=${VM_TIMEOUT:-300}
 cache_dir=${TAVI_VM_CACHE:-/var/cache/tavi-vm}
 with_daemon=${TAVI_VM_DAEMON:-1}
 mkdir -p "$build_dir"
@@ -46,7 +48,8 @@ arm64_packages=(gcc-aarch64-linux-gnu libc6-dev-arm64-cross)
 if [[ "$with_daemon" == 1 ]]; then
     # The cross toolchain file also wants qemu-user for running target programs.
     arm64_packages+=(g++-aarch64-linux-gnu qemu-user android-libbase-dev:arm64
-        android-liblog-dev:arm64 libprotobuf-dev:arm64 libprotoc-dev:arm64 libfuse3-dev:arm64)
+        android-liblog-dev:arm64 libprotobuf-dev:arm64 libprotoc-dev:arm64 libfuse3-dev:arm64
+        libgtest-dev:arm64 libgmock-dev:arm64)
 fi
 
 setup_packages() {
@@ -138,9 +141,13 @@ build_module() {
     quiet nice make -C "$out" KDIR="$kdir" "${cross[@]}" -j2
 }
 
+# The programs the image holds, and the suites run against the module's attribute.
+vm_targets=(tavi_daemon ubo_sim ubo_simctl ubo tavi_e2e_tests tavi_listener_tests)
+vm_suites=(tavi_e2e_tests tavi_listener_tests)
+
 build_daemon() {
     local arch=$1 out=$2
-    local args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVI_BUILD_TESTS=OFF -DTAVI_BUILD_SIM=ON
+    local args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAVI_BUILD_TESTS=ON -DTAVI_BUILD_SIM=ON
         -DTAVI_BUILD_BENCH=OFF -DTAVI_BUILD_FUZZ=OFF)
     if [[ "$arch" == arm64 ]]; then
         args+=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-aarch64.cmake")
@@ -148,7 +155,13 @@ build_daemon() {
     fi
     quiet cmake -S "$root" -B "$out" "${args[@]}"
     unset PKG_CONFIG_LIBDIR
-    quiet nice cmake --build "$out" -j2 --target tavi_daemon ubo_sim ubo_simctl ubo
+    quiet nice cmake --build "$out" -j2 --target "${vm_targets[@]}"
+}
+
+objcopy_for() {
+    local arch=$1
+    shift
+    if [[ "$arch" == arm64 ]]; then aarch64-linux-gnu-objcopy "$@"; else objcopy "$@"; fi
 }
 
 # Copies the shared libraries ELF files need, transitively, into STAGE/lib, and their
@@ -182,7 +195,7 @@ make_initramfs() {
     local arch=$1 kernel_dir=$2 kmod=$3 daemon_build=$4 image=$5
     local stage="$build_dir/initramfs-$arch"
     rm -rf "$stage"
-    mkdir -p "$stage"/{bin,lib,modules,etc,dev,proc,sys,tmp,run}
+    mkdir -p "$stage"/{bin,lib,modules,etc,dev,proc,sys,tmp,run,mnt}
     cp "$kernel_dir/bin/busybox" "$stage/bin/busybox"
     install -m 0755 "$root/vm/init.sh" "$stage/init"
     cp "$kmod/tavi_log.ko" "$kmod/tavi_log_test.ko" "$stage/modules/"
@@ -196,11 +209,18 @@ make_initramfs() {
         # one the other multiarch libraries were built with.
         local search="$daemon_build/libubo /usr/lib/$triplet/android /lib/$triplet
             /usr/lib/$triplet $sysroot"
-        cp "$daemon_build/src/tavi_daemon" "$daemon_build/sim/ubo_service/ubo_sim" \
-            "$daemon_build/sim/ubo_service/ubo_simctl" "$stage/bin/"
-        cp "$root/src/probe/tavi.proto" "$stage/etc/tavi.proto"
-        stage_libraries "$stage" "$search" "$stage/bin/tavi_daemon" "$stage/bin/ubo_sim" \
-            "$stage/bin/ubo_simctl"
+        # A build folder's layout at /build (TAVI_BUILD_DIR), without debug information.
+        local programs=(src/tavi_daemon sim/ubo_service/ubo_sim sim/ubo_service/ubo_simctl)
+        local suite program
+        for suite in "${vm_suites[@]}"; do programs+=("tests/$suite"); done
+        for program in "${programs[@]}"; do
+            mkdir -p "$stage/build/$(dirname "$program")"
+            objcopy_for "$arch" --strip-debug "$daemon_build/$program" "$stage/build/$program"
+        done
+        # ubo_sim reads the event schema from the source tree it was built from.
+        mkdir -p "$stage$root/src/probe"
+        cp "$root/src/probe/tavi.proto" "$stage$root/src/probe/"
+        stage_libraries "$stage" "$search" "${programs[@]/#/$stage/build/}"
         [[ -e "$stage/lib/libubo.so" ]] || die "tavi_daemon does not link libubo.so"
         # The drain benchmark puts it ahead of the real one.
         mkdir -p "$stage/lib/ubo-stub"
@@ -211,7 +231,7 @@ make_initramfs() {
 
 run_vm() {
     local arch=$1 kernel=$2 initrd=$3 console_log=$4
-    local qemu accel accel_why console=ttyS0
+    local qemu accel accel_why console=ttyS0 wait_scale
     choose_accel "$arch"
     [[ "$arch" == arm64 ]] && console=ttyAMA0
     # Emulated on a busy host, the kernel's IO-APIC timer check can fail and stop the boot.
@@ -227,11 +247,15 @@ run_vm() {
             arm64-kvm) qemu=(qemu-system-aarch64 -M virt,gic-version=host -accel kvm -cpu host) ;;
             arm64-tcg) qemu=(qemu-system-aarch64 -M virt -cpu cortex-a57 -accel tcg) ;;
         esac
-        say "$arch: qemu with ${accel^^} ($accel_why), $smp vCPUs"
+        # The suite's waits stretch with the emulation (docs/kernel.md has the measurements).
+        wait_scale=${TAVI_VM_WAIT_SCALE:-}
+        [[ -n "$wait_scale" ]] || { [[ "$accel" == kvm ]] && wait_scale=1 || wait_scale=4; }
+        say "$arch: qemu with ${accel^^} ($accel_why), $smp vCPUs, waits scaled by $wait_scale"
         status=0
         # The drain benchmark prints the accelerator: it reads it from the command line.
         timeout -k 10 "$vm_timeout" nice "${qemu[@]}" -m 512 -smp "$smp" -nographic -no-reboot \
-            -kernel "$kernel" -initrd "$initrd" -append "$append tavi.accel=$accel" \
+            -kernel "$kernel" -initrd "$initrd" \
+            -append "$append tavi.accel=$accel tavi.wait_scale=$wait_scale" \
             </dev/null >"$console_log" 2>&1 || status=$?
         tr -d '\r' <"$console_log" >"$console_log.txt"
         # Only a boot that never reached /init is tried again; a failed check is final.
@@ -245,7 +269,7 @@ run_vm() {
             say "$arch: the kernel did not reach /init; booting once more"
         fi
     done
-    grep -E '^(ok|not ok) - |^TAVI-VM: ' "$console_log.txt" || true
+    grep -E '^(ok|not ok) - |^TAVI-VM: |^suite: ' "$console_log.txt" || true
     [[ $status -eq 124 || $status -eq 137 ]] && say "$arch: the VM ran out of its ${vm_timeout}s"
     grep -q '^TAVI-VM: PASS' "$console_log.txt"
 }
@@ -308,12 +332,13 @@ prepare_arch() {
         # bringing it up to date is cheaper than a build of its own.
         local host_build=${TAVI_VM_HOST_BUILD:-$root/build}
         if [[ "$arch" == "$(uname -m)" ]] &&
-            grep -qx 'TAVI_BUILD_SIM:BOOL=ON' "$host_build/CMakeCache.txt" 2>/dev/null; then
+            grep -qx 'TAVI_BUILD_SIM:BOOL=ON' "$host_build/CMakeCache.txt" 2>/dev/null &&
+            grep -qx 'TAVI_BUILD_TESTS:BOOL=ON' "$host_build/CMakeCache.txt"; then
             daemon_build=$host_build
-            say "$arch: bringing tavi_daemon, ubo_sim, ubo_simctl and libubo.so up to date in $host_build"
-            quiet nice cmake --build "$host_build" -j2 --target tavi_daemon ubo_sim ubo_simctl ubo
+            say "$arch: bringing ${vm_targets[*]} up to date in $host_build"
+            quiet nice cmake --build "$host_build" -j2 --target "${vm_targets[@]}"
         else
-            say "$arch: building tavi_daemon, ubo_sim, ubo_simctl and libubo.so"
+            say "$arch: building ${vm_targets[*]}"
             build_daemon "$arch" "$daemon_build"
         fi
         # The benchmarks' event library, always active and discarding every event, in the

@@ -143,34 +143,42 @@ SysfsCallback Recording(std::vector<std::string>& seen) {
     };
 }
 
-// The kernel side: records announced with POLLPRI, one per read from offset 0.
+// The kernel side: records announced with POLLPRI, one per read from offset 0; the attribute
+// that TAVI_ATTRIBUTE picks.
 class MessageListenerSysfsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (geteuid() != 0) GTEST_SKIP() << "mounting the attribute emulator (FUSE) needs root";
-        ASSERT_EQ(emulator_.Start(kBinaries.sysfs_emu, mount_point_.path), "");
+        if (std::string reason = sim::SimulatedDevice::Availability(kBinaries); !reason.empty()) {
+            FAIL() << reason;
+        }
+        ASSERT_EQ(attribute_.StartAttribute(), "");
     }
 
-    TemporaryDir mount_point_;
-    sim::AttributeEmulator emulator_;
+    TemporaryDir state_;
+    sim::SimulatedDevice attribute_{state_.path, kBinaries};
 };
 
 // Records injected while the loop waits must wake it. The attribute hands out a record only
 // to a read from offset 0, so a drain that does not rewind never empties it.
 TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
+    if (sim::OnKernelAttribute()) {
+        GTEST_SKIP() << sim::kNotOnKernel
+                     << "the module refuses to queue a record that is not seven integers";
+    }
     RunInChild([&] {
         const std::string page_filler(getpagesize() - 1, '9');
         std::vector<std::string> seen;
         MessageListener listener;
-        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {Recording(seen)}));
+        ASSERT_TRUE(listener.Setup({attribute_.AttributeLogPath()}, {Recording(seen)}));
         std::thread injector([&] {
             usleep(100 * 1000);  // most likely inside poll() by then
             for (const std::string& record :
                  {"4,1,3001,1,0,0,0\n"s, "4,1,3001"s, "2,3,1000,7,8,9,0\n\0tail"s, page_filler,
                   "3,0,2000,0,0,0,0\n"s}) {
-                EXPECT_TRUE(emulator_.Inject(record));
+                EXPECT_TRUE(attribute_.Inject(record));
             }
-            EXPECT_TRUE(emulator_.WaitForPendingCount(0, std::chrono::seconds(10)));
+            EXPECT_TRUE(sim::WaitUntil([&] { return attribute_.PendingCount() == 0; },
+                                       std::chrono::seconds(10)));
             kill(getpid(), SIGTERM);
         });
         PollRecord record;
@@ -190,6 +198,10 @@ TEST_F(MessageListenerSysfsTest, DrainsEveryRecordInOrderAndDropsRejected) {
 // A read asks for a page less one byte, so that the text can always be terminated: a valid
 // record of a whole page loses its line feed and is rejected; one byte shorter, it is delivered.
 TEST_F(MessageListenerSysfsTest, ReadsAtMostAPageLessOneByte) {
+    if (sim::OnKernelAttribute()) {
+        GTEST_SKIP() << sim::kNotOnKernel
+                     << "the module refuses to queue a record longer than 85 bytes";
+    }
     RunInChild([&] {
         const size_t page = getpagesize();
         const std::string line = "4,1,3001,1,0,0,0\n";
@@ -198,9 +210,9 @@ TEST_F(MessageListenerSysfsTest, ReadsAtMostAPageLessOneByte) {
         const std::string page_less_one = whole_page.substr(1);
         std::vector<std::string> seen;
         MessageListener listener;
-        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {Recording(seen)}));
-        ASSERT_TRUE(emulator_.Inject(whole_page));
-        ASSERT_TRUE(emulator_.Inject(page_less_one));
+        ASSERT_TRUE(listener.Setup({attribute_.AttributeLogPath()}, {Recording(seen)}));
+        ASSERT_TRUE(attribute_.Inject(whole_page));
+        ASSERT_TRUE(attribute_.Inject(page_less_one));
         kill(getpid(), SIGTERM);
         PollRecord record;
         EXPECT_TRUE(PollInto(listener, record));
@@ -217,9 +229,9 @@ TEST_F(MessageListenerSysfsTest, ReadsAtMostAPageLessOneByte) {
 TEST_F(MessageListenerSysfsTest, RecordsPendingWithTheStopSignalAreStillDelivered) {
     RunInChild([&] {
         MessageListener listener;
-        ASSERT_TRUE(listener.Setup({emulator_.LogPath()}, {ParseSysfsLogValue}));
-        emulator_.Inject("1,0,1,0,0,0,0\n");
-        emulator_.Inject("1,0,2,0,0,0,0\n");
+        ASSERT_TRUE(listener.Setup({attribute_.AttributeLogPath()}, {ParseSysfsLogValue}));
+        attribute_.Inject("1,0,1,0,0,0,0\n");
+        attribute_.Inject("1,0,2,0,0,0,0\n");
         kill(getpid(), SIGTERM);
         PollRecord record;
         EXPECT_TRUE(PollInto(listener, record));

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include <android-base/file.h>
@@ -53,32 +54,172 @@ bool IsMountPoint(const std::string& path) {
            self.st_dev != parent.st_dev;
 }
 
-std::string ProbeAvailability(const Binaries& binaries) {
-    if (geteuid() != 0) return "the simulated device needs root (FUSE, mount namespaces)";
-    android::base::unique_fd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
-    if (!fuse.ok()) return std::string("/dev/fuse: ") + strerror(errno);
-    for (const std::string& binary : {binaries.sysfs_emu, binaries.ubo_sim, binaries.daemon}) {
-        if (access(binary.c_str(), X_OK) != 0) return binary + ": " + strerror(errno);
-    }
-    // Not every host lets a process mount in a namespace of its own.
+// Not every host lets a process mount in a namespace of its own.
+std::string ProbeNamespace() {
     TemporaryDir dir;
     Process trial;
     const std::string output = std::string(dir.path) + "/trial.out";
     std::string failure = trial.Start({"/bin/true"}, output, {}, DeviceMounts{dir.path, ""});
     std::optional<int> status = failure.empty() ? trial.Wait(10s) : std::nullopt;
-    if (status && *status == 0) {
-        AttributeEmulator attribute;
-        std::string mounted = attribute.Start(binaries.sysfs_emu, dir.path);
-        return mounted.empty() ? "" : "the attribute emulator did not mount: " + mounted;
-    }
+    if (status && *status == 0) return "";
     return "the device's mount namespace cannot be set up here: " + failure + ReadFrom(output, 0);
 }
 
+std::string ProbeAvailability(const Binaries& binaries) {
+    std::string failure;
+    const std::optional<AttributeKind> kind = AttributeFromEnvironment(&failure);
+    if (!kind) return failure;
+    if (const char* scale = getenv("TAVI_WAIT_SCALE"); WaitScale() == 0 && scale != nullptr) {
+        return "TAVI_WAIT_SCALE is a positive integer, not \"" + std::string(scale) + "\"";
+    }
+    const bool kernel = *kind == AttributeKind::kKernel;
+    if (geteuid() != 0) {
+        return kernel ? "the simulated device needs root (mount namespaces, the module's files)"
+                      : "the simulated device needs root (FUSE, mount namespaces)";
+    }
+    std::vector<std::string> needed = {binaries.ubo_sim, binaries.daemon};
+    if (kernel) {
+        for (const char* path : {kKernelLogPath, kKernelInjectPath}) {
+            if (access(path, F_OK) != 0) {
+                return std::string(path) + ": " + strerror(errno) +
+                       " (is tavi_log loaded with allow_inject=1?)";
+            }
+        }
+    } else {
+        android::base::unique_fd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+        if (!fuse.ok()) return std::string("/dev/fuse: ") + strerror(errno);
+        needed.push_back(binaries.sysfs_emu);
+    }
+    for (const std::string& binary : needed) {
+        if (access(binary.c_str(), X_OK) != 0) return binary + ": " + strerror(errno);
+    }
+    if (failure = ProbeNamespace(); !failure.empty() || kernel) return failure;
+    TemporaryDir dir;
+    AttributeEmulator attribute;
+    std::string mounted = attribute.Start(binaries.sysfs_emu, dir.path);
+    return mounted.empty() ? "" : "the attribute emulator did not mount: " + mounted;
+}
+
+// tavi_sysfs_emu, mounted afresh by every start.
+class EmulatedAttribute : public Attribute {
+  public:
+    EmulatedAttribute(std::string binary, std::string run_dir)
+        : binary_(std::move(binary)), run_dir_(std::move(run_dir)) {}
+
+    std::string Start() override {
+        const std::string mount_point = run_dir_ + "/sysfs";
+        mkdir(mount_point.c_str(), 0755);
+        return emulator_.Start(binary_, mount_point, run_dir_ + "/sysfs_emu.out");
+    }
+    void Stop() override { emulator_.Stop(); }
+    bool Started() const override { return emulator_.Mounted(); }
+    std::string LogPath() const override { return emulator_.LogPath(); }
+    bool Inject(const std::string& record) const override { return emulator_.Inject(record); }
+    int PendingCount() const override { return emulator_.PendingCount(); }
+
+  private:
+    std::string binary_, run_dir_;
+    AttributeEmulator emulator_;
+};
+
+// The tavi_log module's attribute: one queue for the whole machine, so every start drains what
+// an earlier user left. The module must already be loaded with allow_inject=1.
+class KernelAttribute : public Attribute {
+  public:
+    std::string Start() override {
+        for (const char* path : {kKernelLogPath, kKernelInjectPath}) {
+            if (access(path, F_OK) != 0) return std::string(path) + ": " + strerror(errno);
+        }
+        android::base::unique_fd log(open(kKernelLogPath, O_RDONLY | O_CLOEXEC));
+        if (!log.ok()) return std::string(kKernelLogPath) + ": " + strerror(errno);
+        // Each read from offset 0 takes one record; the queue holds 128 at most.
+        char record[4096];
+        int reads = 0;
+        ssize_t size;
+        while ((size = TEMP_FAILURE_RETRY(pread(log.get(), record, sizeof(record), 0))) > 0) {
+            if (++reads > 1000) return std::string(kKernelLogPath) + " does not run empty";
+        }
+        if (size < 0) return std::string(kKernelLogPath) + ": " + strerror(errno);
+        started_ = true;
+        return "";
+    }
+    void Stop() override { started_ = false; }
+    bool Started() const override { return started_; }
+    std::string LogPath() const override { return kKernelLogPath; }
+
+    // A full queue refuses a record until the reader has taken one: a burst the daemon is
+    // draining waits for room. Any other refusal is the record's own.
+    bool Inject(const std::string& record) const override {
+        android::base::unique_fd inject(open(kKernelInjectPath, O_WRONLY | O_CLOEXEC));
+        if (!inject.ok() || record.empty()) return false;
+        bool written = false;
+        WaitUntil(
+                [&] {
+                    const ssize_t size =
+                            TEMP_FAILURE_RETRY(write(inject.get(), record.data(), record.size()));
+                    written = size == static_cast<ssize_t>(record.size());
+                    return written || errno != ENOSPC;
+                },
+                5s);
+        return written;
+    }
+    int PendingCount() const override { return -1; }
+
+  private:
+    bool started_ = false;
+};
+
+// TAVI_ATTRIBUTE names none: every start says so.
+class UnknownAttribute : public Attribute {
+  public:
+    explicit UnknownAttribute(std::string failure) : failure_(std::move(failure)) {}
+    std::string Start() override { return failure_; }
+    void Stop() override {}
+    bool Started() const override { return false; }
+    std::string LogPath() const override { return ""; }
+    bool Inject(const std::string&) const override { return false; }
+    int PendingCount() const override { return -1; }
+
+  private:
+    std::string failure_;
+};
+
 }  // namespace
 
+std::optional<AttributeKind> AttributeFromEnvironment(std::string* failure) {
+    const char* value = getenv("TAVI_ATTRIBUTE");
+    const std::string name = value != nullptr ? value : "";
+    if (name.empty() || name == "emulator") return AttributeKind::kEmulator;
+    if (name == "kernel") return AttributeKind::kKernel;
+    *failure = "TAVI_ATTRIBUTE is \"emulator\" (the default) or \"kernel\", not \"" + name + "\"";
+    return std::nullopt;
+}
+
+bool OnKernelAttribute() {
+    std::string failure;
+    return AttributeFromEnvironment(&failure) == AttributeKind::kKernel;
+}
+
+int WaitScale() {
+    const char* value = getenv("TAVI_WAIT_SCALE");
+    int scale = 1;
+    if (value == nullptr) return scale;
+    return android::base::ParseInt(value, &scale, 1) ? scale : 0;
+}
+
+std::unique_ptr<Attribute> MakeAttribute(const Binaries& binaries, const std::string& run_dir) {
+    std::string failure;
+    const std::optional<AttributeKind> kind = AttributeFromEnvironment(&failure);
+    if (!kind) return std::make_unique<UnknownAttribute>(failure);
+    if (*kind == AttributeKind::kKernel) return std::make_unique<KernelAttribute>();
+    return std::make_unique<EmulatedAttribute>(binaries.sysfs_emu, run_dir);
+}
+
 Binaries Binaries::InBuildDir(const std::string& build_dir) {
-    return {build_dir + "/sim/sysfs_emu/tavi_sysfs_emu", build_dir + "/sim/ubo_service/ubo_sim",
-            build_dir + "/sim/ubo_service/ubo_simctl", build_dir + "/src/tavi_daemon"};
+    const char* setting = getenv("TAVI_BUILD_DIR");
+    const std::string dir = setting != nullptr && *setting != '\0' ? setting : build_dir;
+    return {dir + "/sim/sysfs_emu/tavi_sysfs_emu", dir + "/sim/ubo_service/ubo_sim",
+            dir + "/sim/ubo_service/ubo_simctl", dir + "/src/tavi_daemon"};
 }
 
 std::string AttributeEmulator::Start(const std::string& binary, const std::string& mount_point,
@@ -174,7 +315,9 @@ std::vector<nlohmann::json> EventReader::ReadNew() {
 }
 
 SimulatedDevice::SimulatedDevice(std::string state_dir, Binaries binaries)
-    : state_dir_(std::move(state_dir)), binaries_(std::move(binaries)) {
+    : state_dir_(std::move(state_dir)),
+      binaries_(std::move(binaries)),
+      attribute_(MakeAttribute(binaries_, RunDir())) {
     for (const std::string& dir : {state_dir_, PersistDir(), RunDir()}) mkdir(dir.c_str(), 0700);
 }
 
@@ -190,9 +333,7 @@ std::string SimulatedDevice::Availability(const Binaries& binaries) {
 }
 
 std::string SimulatedDevice::StartAttribute() {
-    const std::string mount_point = RunDir() + "/sysfs";
-    mkdir(mount_point.c_str(), 0755);
-    return attribute_.Start(binaries_.sysfs_emu, mount_point, RunDir() + "/sysfs_emu.out");
+    return attribute_->Start();
 }
 
 std::string SimulatedDevice::StartService(bool active) {
@@ -217,9 +358,9 @@ std::string SimulatedDevice::StartService(bool active) {
 
 std::string SimulatedDevice::StartDaemon(bool with_attribute) {
     if (daemon_.Running()) return "the daemon already runs as pid " + std::to_string(DaemonPid());
-    if (with_attribute && !attribute_.Mounted()) return "the attribute emulator is not mounted";
+    if (with_attribute && !attribute_->Started()) return "the attribute is not started";
     log_ = LogReader(LogPath(), FileSize(LogPath()));
-    const DeviceMounts mounts{PersistDir(), with_attribute ? attribute_.LogPath() : ""};
+    const DeviceMounts mounts{PersistDir(), with_attribute ? attribute_->LogPath() : ""};
     std::string failure = daemon_.Start({binaries_.daemon}, LogPath(),
                                         {"UBO_SIM_SOCKET=" + SocketPath()}, mounts);
     // Without the attribute the poll loop never starts; the first line is all there is.

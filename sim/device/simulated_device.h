@@ -6,15 +6,22 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-// The simulated device on a Linux host: the emulated kernel attribute (tavi_sysfs_emu), the event
-// service (ubo_sim) and the unmodified daemon in a private mount namespace laid out like the
-// device. Everything that starts one of them goes through here.
+// The simulated device on a Linux host: the kernel attribute (emulated by tavi_sysfs_emu, or the
+// tavi_log module's own), the event service (ubo_sim) and the unmodified daemon in a private
+// mount namespace laid out like the device. Everything that starts one of them goes through here.
+//
+// Chosen at run time, so that one test binary serves every host:
+//   TAVI_ATTRIBUTE   "emulator" (the default) or "kernel": the module's /sys/kernel/tavi/log,
+//                    fed through /sys/kernel/tavi/inject (loaded with allow_inject=1)
+//   TAVI_BUILD_DIR   the build folder Binaries::InBuildDir takes the programs from
+//   TAVI_WAIT_SCALE  a positive integer multiplying every bounded wait (slow emulated machines)
 namespace vendor::vesk::tavi::sim {
 
 using std::chrono::milliseconds;
@@ -26,13 +33,28 @@ struct Binaries {
     std::string ubo_simctl;
     std::string daemon;
 
-    // The programs of a build folder (scripts/build.sh's layout).
+    // The programs of a build folder (scripts/build.sh's layout); TAVI_BUILD_DIR, when set,
+    // replaces `build_dir`.
     static Binaries InBuildDir(const std::string& build_dir);
 };
 
-// The device's view of the host: tmpfs over /sys/kernel and /mnt, `attribute` bound at
-// /sys/kernel/tavi/log (none when empty: the daemon cannot set up its listener) and
-// `persist_dir` at /mnt/vendor/persist/tavi.
+inline constexpr char kKernelLogPath[] = "/sys/kernel/tavi/log";
+inline constexpr char kKernelInjectPath[] = "/sys/kernel/tavi/inject";
+// How a case that cannot hold on the module's attribute says so when it skips.
+inline constexpr char kNotOnKernel[] = "not on the kernel's attribute: ";
+
+enum class AttributeKind { kEmulator, kKernel };
+
+// The attribute TAVI_ATTRIBUTE names; none, with `failure` saying why, for any other value.
+std::optional<AttributeKind> AttributeFromEnvironment(std::string* failure);
+// True when TAVI_ATTRIBUTE names the module's attribute.
+bool OnKernelAttribute();
+// TAVI_WAIT_SCALE, 1 when unset; 0 when it is no positive integer.
+int WaitScale();
+
+// The device's view of the host: tmpfs over /mnt with `persist_dir` at /mnt/vendor/persist/tavi,
+// and at /sys/kernel/tavi/log: `attribute` bound over a tmpfs on /sys/kernel, the real one when
+// `attribute` is that very path, none when empty (the daemon cannot set up its listener).
 struct DeviceMounts {
     std::string persist_dir;
     std::string attribute;
@@ -70,7 +92,7 @@ class Process {
     std::optional<int> status_;
 };
 
-// Polls `condition` every 10 ms until it holds or `timeout` has passed.
+// Polls `condition` every 10 ms until it holds or `timeout` times the wait scale has passed.
 bool WaitUntil(const std::function<bool()>& condition, milliseconds timeout);
 
 // tavi_sysfs_emu mounted on a folder: its `log` file behaves as the kernel attribute does.
@@ -95,6 +117,24 @@ class AttributeEmulator {
     Process process_;
     std::string mount_point_;
 };
+
+// The kernel attribute the daemon reads, with a queue of records the test feeds.
+class Attribute {
+  public:
+    virtual ~Attribute() = default;
+
+    // Makes it ready with nothing pending; empty, or why not.
+    virtual std::string Start() = 0;
+    virtual void Stop() = 0;
+    virtual bool Started() const = 0;
+    virtual std::string LogPath() const = 0;
+    // Queues one record; false when the attribute refuses it.
+    virtual bool Inject(const std::string& record) const = 0;
+    virtual int PendingCount() const = 0;  // -1 when the attribute cannot tell
+};
+
+// The one TAVI_ATTRIBUTE names: the emulator serves it in `run_dir`/sysfs.
+std::unique_ptr<Attribute> MakeAttribute(const Binaries& binaries, const std::string& run_dir);
 
 // A line of the daemon's log: severity letter ('I', 'E', 'F'; '?' for other output, such as the
 // C++ runtime's), the text after "] ", and when it was first read.
@@ -141,7 +181,8 @@ class EventReader {
 //   persist/       the daemon's /mnt/vendor/persist/tavi, kept across daemon runs
 //   daemon.log     the daemon's output, appended by every start
 //   events.jsonl   the event service's records, appended by every start
-//   run/           the attribute's mount point (run/sysfs), sockets and the helpers' output
+//   run/           the emulated attribute's mount point (run/sysfs), sockets and the helpers'
+//                  output
 class SimulatedDevice {
   public:
     SimulatedDevice(std::string state_dir, Binaries binaries);
@@ -149,13 +190,13 @@ class SimulatedDevice {
     SimulatedDevice(const SimulatedDevice&) = delete;
     SimulatedDevice& operator=(const SimulatedDevice&) = delete;
 
-    // Empty when a device can be simulated on this host (root, FUSE, mount namespaces);
-    // otherwise why not. Checked once per process.
+    // Empty when a device can be simulated on this host (root, mount namespaces, and FUSE or
+    // the module's attribute); otherwise why not. Checked once per process.
     static std::string Availability(const Binaries& binaries);
 
     // Each Start returns empty, or why it failed (nothing of that part left running).
     std::string StartAttribute();
-    void StopAttribute() { attribute_.Stop(); }
+    void StopAttribute() { attribute_->Stop(); }
     // (Re)starts the service, active or not, and waits until it listens.
     std::string StartService(bool active);
     // Its wait status (0: a clean exit), or none if it never started.
@@ -165,8 +206,9 @@ class SimulatedDevice {
     std::string StartDaemon(bool with_attribute = true);
     std::string Start(bool service_active, bool with_attribute = true);  // all three
 
-    bool Inject(const std::string& record) const { return attribute_.Inject(record); }
-    int PendingCount() const { return attribute_.PendingCount(); }
+    bool Inject(const std::string& record) const { return attribute_->Inject(record); }
+    // -1 on the module's attribute, which has no such count.
+    int PendingCount() const { return attribute_->PendingCount(); }
     // One ubo_simctl command, such as {"fail", "-5"}: true when it succeeded. Its reply
     // ("error: ..." on failure) goes to `reply` when given.
     bool ServiceControl(const std::vector<std::string>& command, std::string* reply = nullptr);
@@ -178,7 +220,8 @@ class SimulatedDevice {
     std::optional<int> WaitForDaemonExit(milliseconds timeout) { return daemon_.Wait(timeout); }
     pid_t DaemonPid() const { return daemon_.pid(); }
     bool ServiceRunning() { return service_.Running(); }
-    bool AttributeMounted() const { return attribute_.Mounted(); }
+    bool AttributeMounted() const { return attribute_->Started(); }
+    std::string AttributeLogPath() const { return attribute_->LogPath(); }
 
     LogReader& Log() { return log_; }
     // The service's records of `kind` ("event", "session_lost", ...; empty: all).
@@ -197,7 +240,7 @@ class SimulatedDevice {
   private:
     std::string state_dir_;
     Binaries binaries_;
-    AttributeEmulator attribute_;
+    std::unique_ptr<Attribute> attribute_;
     Process service_;
     Process daemon_;
     LogReader log_;

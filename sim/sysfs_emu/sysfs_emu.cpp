@@ -54,6 +54,8 @@ struct EmulatorState {
     // The handle of each open `log` file waiting for the next record. The kernel keeps one wait
     // queue per open file, so one handle per file is enough; a newer one replaces the older.
     std::map<uint64_t, PollHandle> watchers;
+    // The text each open `log` file took at its last read from offset 0: later offsets read it.
+    std::map<uint64_t, std::string> shown;
     uint64_t dropped = 0;
     uint64_t next_fh = 1;
     struct timespec start_time {};
@@ -111,22 +113,30 @@ int Open(const char* path, fuse_file_info* info) {
 
 int Release(const char*, fuse_file_info* info) {
     State().watchers.erase(info->fh);
+    State().shown.erase(info->fh);
     return 0;
 }
 
 // Only `log` and `pending` open for reading.
-int Read(const char* path, char* buffer, size_t size, off_t offset, fuse_file_info*) {
+int Read(const char* path, char* buffer, size_t size, off_t offset, fuse_file_info* info) {
     std::deque<std::string>& records = State().records;
     std::string text;
     if (Find(path) == &kPending) {
         text = std::to_string(records.size()) + "\n";
-        text.erase(0, std::min(text.size(), static_cast<size_t>(std::max<off_t>(offset, 0))));
-    } else if (offset == 0 && !records.empty()) {
+    } else {
         // Only a read from the start takes a record; the reader rewinds before the next one.
-        // What does not fit is lost, as when the attribute's single buffer is read short.
-        text = std::move(records.front());
-        records.pop_front();
+        // Reads further on are served from the text that read took, as sysfs serves them.
+        std::string& shown = State().shown[info->fh];
+        if (offset == 0) {
+            shown.clear();
+            if (!records.empty()) {
+                shown = std::move(records.front());
+                records.pop_front();
+            }
+        }
+        text = shown;
     }
+    text.erase(0, std::min(text.size(), static_cast<size_t>(std::max<off_t>(offset, 0))));
     size = std::min(size, text.size());
     memcpy(buffer, text.data(), size);
     return static_cast<int>(size);
