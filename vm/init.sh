@@ -7,14 +7,17 @@
 /bin/busybox mkdir -p /proc /sys /dev /tmp /run
 /bin/busybox --install -s /bin
 export PATH=/bin
-for fs in proc:/proc sysfs:/sys devtmpfs:/dev tmpfs:/tmp tmpfs:/run; do mount -t "${fs%:*}" "${fs%:*}" "${fs#*:}"; done
+for fs in proc:/proc sysfs:/sys devtmpfs:/dev tmpfs:/tmp tmpfs:/run; do
+	mount -t "${fs%:*}" "${fs%:*}" "${fs#*:}"
+done
 printf '%s\n' root:x:0:0::/:/bin/sh system:x:1000:1000::/:/bin/sh shell:x:2000:2000::/:/bin/sh >/etc/passwd
 
 TAVI=/sys/kernel/tavi LOG=/sys/kernel/tavi/log INJECT=/sys/kernel/tavi/inject MODULES=/modules
 passed=0 failed=0
 
 count() { # count OK|NOT_OK NAME: counts and prints one outcome
-	if [ "$1" = OK ]; then passed=$((passed + 1)) && echo "ok - $2"; else failed=$((failed + 1)) && echo "not ok - $2"; fi
+	if [ "$1" = OK ]; then passed=$((passed + 1)) && echo "ok - $2"
+	else failed=$((failed + 1)) && echo "not ok - $2"; fi
 }
 check() { # check NAME COMMAND...: runs COMMAND, counts and prints the outcome
 	name=$1 && shift
@@ -39,17 +42,9 @@ run_suite() {
 	sed -n 's/^\[ *\(OK\|FAILED\|SKIPPED\) *\] \([^ ,]*\).* ([0-9]* ms)$/\1 \2/p' /tmp/suite.out |
 		sed 's/^FAILED/NOT_OK/; s/^SKIPPED \(.*\)/OK \1 # SKIP/' >/tmp/cases
 	while read -r outcome case; do count "$outcome" "$case"; done </tmp/cases
-	grep -E "^\[==========\] .* ran|^\[  (PASSED|FAILED|SKIPPED) +\] [0-9]|not on the kernel's" /tmp/suite.out | sed 's/^/suite: /'
+	grep -E "^\[==========\] .* ran|^\[  (PASSED|FAILED|SKIPPED) +\] [0-9]|not on the kernel's" \
+		/tmp/suite.out | sed 's/^/suite: /'
 	! grep -q '^\[  FAILED  \]' /tmp/suite.out || sed 's/^/suite: /' /tmp/suite.out
-}
-
-finish() {
-	[ "$failed" -eq 0 ] && [ "$passed" -gt 0 ] &&
-		echo "TAVI-VM: PASS ($passed checks, $(uname -m), $(uname -r), $(cut -d' ' -f1 /proc/uptime)s up)" ||
-		echo "TAVI-VM: FAIL ($failed of $((passed + failed)) checks failed, $(uname -m))"
-	sync
-	# qemu runs with -no-reboot: a reset ends it, with or without ACPI in the kernel.
-	reboot -f
 }
 
 printf '\n%s\n' "TAVI-VM: start $(uname -m) $(uname -r), $(cut -d' ' -f1 /proc/uptime)s up"
@@ -109,7 +104,9 @@ rmmod tavi_log
 while :; do echo 1,1,1,0,0,0,0 >$INJECT; done 2>/dev/null &
 writer=$!
 loads=0
-while [ $loads -lt 10 ] && insmod $MODULES/tavi_log.ko allow_inject=1 && rmmod tavi_log; do loads=$((loads + 1)); done
+while [ $loads -lt 10 ] && insmod $MODULES/tavi_log.ko allow_inject=1 && rmmod tavi_log; do
+	loads=$((loads + 1))
+done
 kill $writer
 check "10 loads and unloads while inject is written" [ $loads -eq 10 ]
 check "insmod tavi_log allow_inject=1 again" insmod $MODULES/tavi_log.ko allow_inject=1
@@ -123,10 +120,12 @@ check "... with ENODEV" grep -q "No such device" /tmp/poll.out
 check "no warning from the kernel" sh -c '! dmesg | grep -E "BUG:|WARNING:|Oops|sleeping function"'
 insmod $MODULES/tavi_log.ko allow_inject=1
 
-if [ -x /build/src/tavi_daemon ]; then
-	for suite in /build/tests/tavi_*_tests; do run_suite "$suite"; done
-else
-	echo "TAVI-VM: no daemon in this image, kernel checks only"
-fi
+[ -x /build/src/tavi_daemon ] || echo "TAVI-VM: no daemon in this image, kernel checks only"
+for suite in /build/tests/tavi_*_tests; do [ -x "$suite" ] && run_suite "$suite"; done
 check "drain benchmark ran" drainbench 3 /build/src/tavi_daemon /lib/ubo-stub
-finish
+[ "$failed" -eq 0 ] && [ "$passed" -gt 0 ] &&
+	echo "TAVI-VM: PASS ($passed checks, $(uname -m), $(uname -r), $(cut -d' ' -f1 /proc/uptime)s up)" ||
+	echo "TAVI-VM: FAIL ($failed of $((passed + failed)) checks failed, $(uname -m))"
+sync
+# qemu runs with -no-reboot: a reset ends it, with or without ACPI in the kernel.
+reboot -f
