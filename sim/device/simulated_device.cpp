@@ -47,17 +47,16 @@ size_t FileSize(const std::string& path) {
 }
 
 // The module's queue is one for the whole machine: what an earlier user left is read away. Each
-// read from offset 0 takes one record; the queue holds 128 at most.
+// open and read takes one record; the queue holds 128 at most.
 std::string DrainKernelQueue(const std::string& log_path) {
-    android::base::unique_fd log(open(log_path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!log.ok()) return log_path + ": " + strerror(errno);
-    char record[4096];
-    int reads = 0;
-    ssize_t size;
-    while ((size = TEMP_FAILURE_RETRY(pread(log.get(), record, sizeof(record), 0))) > 0) {
-        if (++reads > 1000) return log_path + " does not run empty";
+    std::string record;
+    for (int reads = 0; reads <= 1000; ++reads) {
+        if (!android::base::ReadFileToString(log_path, &record)) {
+            return log_path + ": " + strerror(errno);
+        }
+        if (record.empty()) return "";
     }
-    return size < 0 ? log_path + ": " + strerror(errno) : "";
+    return log_path + " does not run empty";
 }
 
 }  // namespace
@@ -111,6 +110,7 @@ std::string Attribute::Start() {
 std::string Attribute::Mount() {
     mkdir(dir_.c_str(), 0755);
     std::string failure = process_.Start({emulator_, "-f", dir_}, output_);
+    // Mounted once its `pending` file answers.
     if (failure.empty() &&
         !WaitUntil([&] { return !process_.Running() || PendingCount() >= 0; }, 5s)) {
         failure = "tavi_sysfs_emu did not mount " + dir_;

@@ -88,8 +88,7 @@ class Process {
 bool WaitUntil(const std::function<bool()>& condition, milliseconds timeout);
 
 // The kernel attribute the daemon reads, with a queue of records fed through its `inject` file:
-// the tavi_log module's own when TAVI_ATTRIBUTE says so (loaded with allow_inject=1), otherwise
-// tavi_sysfs_emu mounted afresh on `run_dir`/sysfs by every start.
+// the module's own, or tavi_sysfs_emu mounted afresh on `run_dir`/sysfs by every start.
 class Attribute {
   public:
     Attribute(const std::string& emulator, const std::string& run_dir);
