@@ -109,8 +109,6 @@ std::string Process::Start(const std::vector<std::string>& argv, const std::stri
     if (!input.ok() || !out.ok()) return output + ": " + strerror(errno);
     sigset_t none;
     sigemptyset(&none);
-    struct sigaction default_action {};
-    default_action.sa_handler = SIG_DFL;
     // The daemon's deliberate aborts leave no core files behind.
     const rlimit no_core = {0, 0};
 
@@ -124,7 +122,7 @@ std::string Process::Start(const std::vector<std::string>& argv, const std::stri
         setrlimit(RLIMIT_CORE, &no_core);
         // As init starts a service: every signal at its default action, none blocked.
         for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
-            sigaction(signal_number, &default_action, nullptr);
+            (void)signal(signal_number, SIG_DFL);
         }
         sigprocmask(SIG_SETMASK, &none, nullptr);
         if (mounts) EnterDeviceNamespace(*mounts);
