@@ -26,16 +26,6 @@ using Json = nlohmann::json;
 
 const std::string kWordSeparator(1, '\0');
 
-std::string Encode(const OwnerReply& reply) {
-    return Json(reply).dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::optional<OwnerReply> Decode(const std::string& bytes) {
-    const Json json = Json::parse(bytes, nullptr, /*allow_exceptions=*/false);
-    if (!json.is_object()) return std::nullopt;
-    return json.get<OwnerReply>();
-}
-
 unique_fd UnixSocket(const std::string& path, sockaddr_un* address) {
     *address = {};
     address->sun_family = AF_UNIX;
@@ -71,7 +61,8 @@ void Serve(const unique_fd& listener, const OwnerRequestHandler& handle) {
         std::string request;
         if (!android::base::ReadFdToString(client, &request)) continue;
         const OwnerReply reply = handle(android::base::Split(request, kWordSeparator));
-        android::base::WriteStringToFd(Encode(reply), client);
+        android::base::WriteStringToFd(
+                Json(reply).dump(-1, ' ', false, Json::error_handler_t::replace), client);
         if (reply.owner_ends) return;
     }
 }
@@ -120,7 +111,9 @@ std::optional<OwnerReply> AskOwner(const std::string& socket_path,
         shutdown(fd, SHUT_WR) != 0 || !android::base::ReadFdToString(fd, &reply)) {
         return std::nullopt;
     }
-    return Decode(reply);
+    const Json json = Json::parse(reply, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return std::nullopt;
+    return json.get<OwnerReply>();
 }
 
 }  // namespace vendor::vesk::tavi::sim

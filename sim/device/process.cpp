@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <thread>
@@ -48,21 +47,22 @@ void MakeDirOrFail(const char* path) {
     if (mkdir(path, 0755) != 0 && errno != EEXIST) Fail(path);
 }
 
+constexpr char kLogPath[] = "/sys/kernel/tavi/log";
+
 // The device's layout in a mount namespace of its own, private so that nothing mounted here
 // shows on the host.
 void EnterDeviceNamespace(const DeviceMounts& mounts) {
     if (unshare(CLONE_NEWNS) != 0) Fail("unshare(CLONE_NEWNS)");
     MountOrFail(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
     // The module's attribute is the real one: nothing to hide or bind.
-    const bool kernel_attribute = mounts.attribute == kKernelLogPath;
-    if (!kernel_attribute) {
+    if (mounts.attribute != kLogPath) {
         MountOrFail("tavi-sysfs", "/sys/kernel", "tmpfs", 0, "mode=0755");
         MakeDirOrFail("/sys/kernel/tavi");
-    }
-    if (!mounts.attribute.empty() && !kernel_attribute) {
-        const int target = open("/sys/kernel/tavi/log", O_WRONLY | O_CREAT | O_CLOEXEC, 0444);
-        if (target < 0 || close(target) != 0) Fail("/sys/kernel/tavi/log");
-        MountOrFail(mounts.attribute.c_str(), "/sys/kernel/tavi/log", nullptr, MS_BIND, nullptr);
+        if (!mounts.attribute.empty()) {
+            const int target = open(kLogPath, O_WRONLY | O_CREAT | O_CLOEXEC, 0444);
+            if (target < 0 || close(target) != 0) Fail(kLogPath);
+            MountOrFail(mounts.attribute.c_str(), kLogPath, nullptr, MS_BIND, nullptr);
+        }
     }
     MountOrFail("tavi-mnt", "/mnt", "tmpfs", 0, "mode=0755");
     for (const char* path : {"/mnt/vendor", "/mnt/vendor/persist", "/mnt/vendor/persist/tavi"}) {
@@ -87,7 +87,7 @@ std::string DescribeWaitStatus(int wait_status) {
 }
 
 bool WaitUntil(const std::function<bool()>& condition, milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout * std::max(WaitScale(), 1);
+    const auto deadline = std::chrono::steady_clock::now() + timeout * WaitScale();
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(milliseconds(10));
@@ -109,8 +109,6 @@ std::string Process::Start(const std::vector<std::string>& argv, const std::stri
     if (!input.ok() || !out.ok()) return output + ": " + strerror(errno);
     sigset_t none;
     sigemptyset(&none);
-    struct sigaction default_action {};
-    default_action.sa_handler = SIG_DFL;
     // The daemon's deliberate aborts leave no core files behind.
     const rlimit no_core = {0, 0};
 
@@ -124,7 +122,7 @@ std::string Process::Start(const std::vector<std::string>& argv, const std::stri
         setrlimit(RLIMIT_CORE, &no_core);
         // As init starts a service: every signal at its default action, none blocked.
         for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
-            sigaction(signal_number, &default_action, nullptr);
+            (void)signal(signal_number, SIG_DFL);
         }
         sigprocmask(SIG_SETMASK, &none, nullptr);
         if (mounts) EnterDeviceNamespace(*mounts);

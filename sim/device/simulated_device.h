@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,19 +37,14 @@ struct Binaries {
     static Binaries InBuildDir(const std::string& build_dir);
 };
 
-inline constexpr char kKernelLogPath[] = "/sys/kernel/tavi/log";
-inline constexpr char kKernelInjectPath[] = "/sys/kernel/tavi/inject";
 // How a case that cannot hold on the module's attribute says so when it skips.
 inline constexpr char kNotOnKernel[] = "not on the kernel's attribute: ";
 
-enum class AttributeKind { kEmulator, kKernel };
-
-// The attribute TAVI_ATTRIBUTE names; none, with `failure` saying why, for any other value.
-std::optional<AttributeKind> AttributeFromEnvironment(std::string* failure);
-// True when TAVI_ATTRIBUTE names the module's attribute.
-bool OnKernelAttribute();
-// TAVI_WAIT_SCALE, 1 when unset; 0 when it is no positive integer.
-int WaitScale();
+// True when TAVI_ATTRIBUTE names the module's attribute; `failure`, when given, says why for a
+// value that names none.
+bool OnKernelAttribute(std::string* failure = nullptr);
+// TAVI_WAIT_SCALE, 1 when unset or no positive integer (`failure`, when given, then says why).
+int WaitScale(std::string* failure = nullptr);
 
 // The device's view of the host: tmpfs over /mnt with `persist_dir` at /mnt/vendor/persist/tavi,
 // and at /sys/kernel/tavi/log: `attribute` bound over a tmpfs on /sys/kernel, the real one when
@@ -80,12 +74,10 @@ class Process {
                       const std::optional<DeviceMounts>& mounts = std::nullopt);
     bool Running();  // reaps it once ended
     bool Signal(int signal_number);
-    // The wait status once it has ended within `timeout`.
-    std::optional<int> Wait(milliseconds timeout);
+    std::optional<int> Wait(milliseconds timeout);  // the wait status once it has ended
     // Sends `signal_number`, then SIGKILL after `grace`; the wait status, none if never started.
     std::optional<int> Stop(int signal_number, milliseconds grace);
     pid_t pid() const { return pid_; }  // the last one started; -1 before
-    std::optional<int> status() const { return status_; }
 
   private:
     pid_t pid_ = -1;
@@ -95,46 +87,34 @@ class Process {
 // Polls `condition` every 10 ms until it holds or `timeout` times the wait scale has passed.
 bool WaitUntil(const std::function<bool()>& condition, milliseconds timeout);
 
-// tavi_sysfs_emu mounted on a folder: its `log` file behaves as the kernel attribute does.
-class AttributeEmulator {
-  public:
-    ~AttributeEmulator() { Stop(); }
-
-    // Mounts at `mount_point` (an existing empty folder) and waits until it is served.
-    std::string Start(const std::string& binary, const std::string& mount_point,
-                      const std::string& output = "/dev/null");
-    // Unmounts and reaps, within seconds even if the emulator hangs; idempotent.
-    void Stop();
-    bool Mounted() const { return !mount_point_.empty(); }
-
-    std::string LogPath() const { return mount_point_ + "/log"; }
-    // Queues `bytes` verbatim as one record (one write(); never empty).
-    bool Inject(const std::string& bytes) const;
-    int PendingCount() const;  // records not yet read by the daemon; -1 when unreadable
-    bool WaitForPendingCount(int count, milliseconds timeout) const;
-
-  private:
-    Process process_;
-    std::string mount_point_;
-};
-
-// The kernel attribute the daemon reads, with a queue of records the test feeds.
+// The kernel attribute the daemon reads, with a queue of records fed through its `inject` file:
+// the module's own, or tavi_sysfs_emu mounted afresh on `run_dir`/sysfs by every start.
 class Attribute {
   public:
-    virtual ~Attribute() = default;
+    Attribute(const std::string& emulator, const std::string& run_dir);
+    ~Attribute() { Stop(); }
 
     // Makes it ready with nothing pending; empty, or why not.
-    virtual std::string Start() = 0;
-    virtual void Stop() = 0;
-    virtual bool Started() const = 0;
-    virtual std::string LogPath() const = 0;
-    // Queues one record; false when the attribute refuses it.
-    virtual bool Inject(const std::string& record) const = 0;
-    virtual int PendingCount() const = 0;  // -1 when the attribute cannot tell
-};
+    std::string Start();
+    // Unmounts and reaps the emulator, within seconds even if it hangs; idempotent.
+    void Stop();
+    bool Started() const { return started_; }
+    std::string LogPath() const { return dir_ + "/log"; }
+    // Queues `record` verbatim (one write(); never empty); false when the attribute refuses it.
+    bool Inject(const std::string& record) const;
+    // Records not yet read by the daemon; -1 on the module's attribute, which has no such count.
+    int PendingCount() const;
 
-// The one TAVI_ATTRIBUTE names: the emulator serves it in `run_dir`/sysfs.
-std::unique_ptr<Attribute> MakeAttribute(const Binaries& binaries, const std::string& run_dir);
+  private:
+    std::string Mount();
+
+    std::string failure_;   // why TAVI_ATTRIBUTE names no attribute
+    std::string emulator_;  // empty for the module's attribute
+    std::string dir_;       // where `log`, `inject` and the emulator's `pending` are
+    std::string output_;
+    Process process_;
+    bool started_ = false;
+};
 
 // A line of the daemon's log: severity letter ('I', 'E', 'F'; '?' for other output, such as the
 // C++ runtime's), the text after "] ", and when it was first read.
@@ -150,12 +130,9 @@ class LogReader {
     LogReader() = default;
     LogReader(std::string path, size_t offset) : path_(std::move(path)), offset_(offset) {}
 
-    const std::vector<LogLine>& Lines();  // every line so far
-    std::vector<LogLine> LinesReading(const std::string& text);
-    size_t CountStartingWith(const std::string& prefix);
+    const std::vector<LogLine>& Lines();   // every line so far
     int IndexOf(const std::string& text);  // of the first line reading `text`, or -1
     bool WaitForLine(const std::string& text, milliseconds timeout);
-    bool WaitForStartingWith(const std::string& prefix, size_t count, milliseconds timeout);
 
   private:
     std::string path_;
@@ -195,8 +172,8 @@ class SimulatedDevice {
     static std::string Availability(const Binaries& binaries);
 
     // Each Start returns empty, or why it failed (nothing of that part left running).
-    std::string StartAttribute();
-    void StopAttribute() { attribute_->Stop(); }
+    std::string StartAttribute() { return attribute_.Start(); }
+    void StopAttribute() { attribute_.Stop(); }
     // (Re)starts the service, active or not, and waits until it listens.
     std::string StartService(bool active);
     // Its wait status (0: a clean exit), or none if it never started.
@@ -206,9 +183,8 @@ class SimulatedDevice {
     std::string StartDaemon(bool with_attribute = true);
     std::string Start(bool service_active, bool with_attribute = true);  // all three
 
-    bool Inject(const std::string& record) const { return attribute_->Inject(record); }
-    // -1 on the module's attribute, which has no such count.
-    int PendingCount() const { return attribute_->PendingCount(); }
+    bool Inject(const std::string& record) const { return attribute_.Inject(record); }
+    int PendingCount() const { return attribute_.PendingCount(); }
     // One ubo_simctl command, such as {"fail", "-5"}: true when it succeeded. Its reply
     // ("error: ..." on failure) goes to `reply` when given.
     bool ServiceControl(const std::vector<std::string>& command, std::string* reply = nullptr);
@@ -216,18 +192,16 @@ class SimulatedDevice {
 
     bool SignalDaemon(int signal_number) { return daemon_.Signal(signal_number); }
     bool DaemonRunning() { return daemon_.Running(); }
-    // The daemon's wait status once it has ended within `timeout`.
     std::optional<int> WaitForDaemonExit(milliseconds timeout) { return daemon_.Wait(timeout); }
     pid_t DaemonPid() const { return daemon_.pid(); }
     bool ServiceRunning() { return service_.Running(); }
-    bool AttributeMounted() const { return attribute_->Started(); }
-    std::string AttributeLogPath() const { return attribute_->LogPath(); }
+    bool AttributeMounted() const { return attribute_.Started(); }
+    std::string AttributeLogPath() const { return attribute_.LogPath(); }
 
     LogReader& Log() { return log_; }
     // The service's records of `kind` ("event", "session_lost", ...; empty: all).
     std::vector<nlohmann::json> Records(const std::string& kind = "") const;
     size_t CountRecords(const std::string& kind) const { return Records(kind).size(); }
-    bool WaitForRecords(const std::string& kind, size_t count, milliseconds timeout) const;
 
     const std::string& StateDir() const { return state_dir_; }
     std::string PersistDir() const { return state_dir_ + "/persist"; }
@@ -240,7 +214,7 @@ class SimulatedDevice {
   private:
     std::string state_dir_;
     Binaries binaries_;
-    std::unique_ptr<Attribute> attribute_;
+    Attribute attribute_;
     Process service_;
     Process daemon_;
     LogReader log_;
