@@ -200,16 +200,11 @@ struct Options {
 // A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
 bool RemoveStaleSocket(const std::string& path) {
     struct stat status;
-    if (lstat(path.c_str(), &status) < 0) {
-        bool missing = errno == ENOENT;
-        if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
-        return missing;
-    }
-    if (!S_ISSOCK(status.st_mode)) {
-        LOG(ERROR) << path << " exists and is not a socket";
-    } else if (protocol::Connect(path) >= 0) {
+    if (protocol::Connect(path) >= 0) {
         LOG(ERROR) << "Another simulator is listening on " << path;
-    } else if (unlink(path.c_str()) < 0) {
+    } else if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+        LOG(ERROR) << path << " exists and is not a socket";
+    } else if (unlink(path.c_str()) < 0 && errno != ENOENT) {
         PLOG(ERROR) << "unlink(" << path << ") failed";
     } else {
         return true;
