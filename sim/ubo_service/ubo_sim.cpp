@@ -438,16 +438,16 @@ class Simulator {
 
     // A command from ubo_simctl: the reply's text, "error: ..." when it failed.
     std::string RunCommand(const protobuf::RepeatedPtrField<std::string>& words) {
-        std::string command = android::base::Join(words, ' ');
+        const std::string command = android::base::Join(words, ' ');
         if (command == "active" || command == "inactive") {
-            SetActive(command == "active", "control");
-            return "service " + command;
+            const bool active = command == "active";
+            if (std::exchange(active_, active) == active) return "service " + command;
+            return Report("service " + command, "state",
+                          {{"active", active}, {"cause", "control"}});
         }
         if (command == "refuse" || command == "accept") {
             refuse_sessions_ = command == "refuse";
-            std::string state = refuse_sessions_ ? "new sessions refused" : "new sessions accepted";
-            printf("ubo_sim: %s\n", state.c_str());
-            return state;
+            return Report(refuse_sessions_ ? "new sessions refused" : "new sessions accepted");
         }
         if (command == "status") return Status();
         int32_t code = 0;
@@ -455,11 +455,9 @@ class Simulator {
             if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
-            std::string result = "add_event returns " + std::to_string(code);
-            if (std::exchange(add_event_code_, code) != code) {
-                Report(result, "add_event_rc", {{"rc", code}});
-            }
-            return result;
+            const std::string result = "add_event returns " + std::to_string(code);
+            if (std::exchange(add_event_code_, code) == code) return result;
+            return Report(result, "add_event_rc", {{"rc", code}});
         }
         return "error: unknown command '" + command +
                "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
@@ -475,19 +473,13 @@ class Simulator {
                             sessions_lost_, sessions_refused_, events_);
     }
 
-    void SetActive(bool active, const char* cause) {
-        if (active_ == active) return;
-        active_ = active;
-        Report(active ? "service active" : "service inactive", "state",
-               {{"active", active}, {"cause", cause}});
-    }
-
-    // The simulator's own line on stdout, if any, and a record of `kind` in the log: the kind, the
-    // wall-clock time in seconds and `fields`. Each record is one write of a whole line: with
-    // O_APPEND a reader tailing the log never sees half a line.
-    void Report(const std::string& line, const char* kind, const Json& fields) {
+    // The simulator's own line on stdout, if any, and a record of `kind`, if any, in the log: the
+    // kind, the wall-clock time in seconds and `fields`. Each record is one write of a whole
+    // line: with O_APPEND a reader tailing the log never sees half a line. Returns `line`.
+    std::string Report(const std::string& line, const char* kind = nullptr,
+                       const Json& fields = Json::object()) {
         if (!line.empty()) printf("ubo_sim: %s\n", line.c_str());
-        if (log_fd_ < 0) return;
+        if (log_fd_ < 0 || kind == nullptr) return line;
         std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
         Json record = {{"kind", kind}, {"time", now.count()}};
         record.update(fields);
@@ -496,6 +488,7 @@ class Simulator {
         if (!android::base::WriteStringToFd(text, log_fd_)) {
             PLOG(ERROR) << "writing the event log failed";
         }
+        return line;
     }
 
     Options options_;
