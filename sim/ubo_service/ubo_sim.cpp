@@ -455,7 +455,7 @@ class Simulator {
             if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
-            const std::string result = "add_event returns " + std::to_string(code);
+            std::string result = "add_event returns " + std::to_string(code);
             if (std::exchange(add_event_code_, code) == code) return result;
             return Report(result, "add_event_rc", {{"rc", code}});
         }
