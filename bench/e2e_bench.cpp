@@ -60,12 +60,6 @@ struct Options {
     int idle_seconds = 10;
 };
 
-// Seconds since the epoch, as the service stamps its events.
-double Now() {
-    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration<double>(since_epoch).count();
-}
-
 // The leading number of each "Key:   value kB" line of a /proc file, by key.
 std::map<std::string, int64_t> ReadFields(const std::string& path) {
     std::string text;
@@ -167,7 +161,10 @@ class Bench {
     }
 
     bool Inject(int record) {
-        injected_at_.push_back(Now());
+        // Seconds since the epoch, as the service stamps its events.
+        const std::chrono::duration<double> now =
+                std::chrono::system_clock::now().time_since_epoch();
+        injected_at_.push_back(now.count());
         return device_.Inject(StringPrintf(kRecordFormat, record));
     }
 

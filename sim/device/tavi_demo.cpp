@@ -27,31 +27,24 @@ const std::string kCachePath = "/mnt/vendor/persist/tavi/cache.bin";
 constexpr const char* kUnquoted =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,._/:=@%+-";
 
-// The story's records in the text form the daemon logs them with.
-constexpr const char* kChargerReset =
-        "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3001, Param1: 1, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }";
-constexpr const char* kDisplayShort =
-        "Message {Type: LOG, Category: 3, LogLevel: 0, ErrorCode: 2000, Param1: 1, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }";
-constexpr const char* kBadSector =
-        "Message {Type: LOG, Category: 2, LogLevel: 2, ErrorCode: 1000, Param1: -1, Param2: -7, "
-        "Param3: 42, Param4: 0, Message: }";
-constexpr const char* kInvalidBattery =
-        "Message {Type: LOG, Category: 4, LogLevel: 0, ErrorCode: 3000, Param1: 0, Param2: 5, "
-        "Param3: 0, Param4: 0, Message: }";
-constexpr const char* kSocFreeze =
-        "Message {Type: LOG, Category: 4, LogLevel: 2, ErrorCode: 3002, Param1: -1, Param2: 0, "
-        "Param3: 300, Param4: 1, Message: }";
-constexpr const char* kCamera =
-        "Message {Type: LOG, Category: 1, LogLevel: 1, ErrorCode: 5, Param1: 0, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }";
-constexpr const char* kUnknownCharger =
-        "Message {Type: LOG, Category: 4, LogLevel: 1, ErrorCode: 3099, Param1: 0, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }";
-constexpr const char* kDisplayAfterErrors =
-        "Message {Type: LOG, Category: 3, LogLevel: 1, ErrorCode: 2000, Param1: 0, Param2: 0, "
-        "Param3: 0, Param4: 0, Message: }";
+// A record's text form as the daemon logs it.
+std::string Logged(int category, int level, int code, int param1, int param2, int param3,
+                   int param4) {
+    return StringPrintf(
+            "Message {Type: LOG, Category: %d, LogLevel: %d, ErrorCode: %d, Param1: %d, "
+            "Param2: %d, Param3: %d, Param4: %d, Message: }",
+            category, level, code, param1, param2, param3, param4);
+}
+
+// The story's records.
+const std::string kChargerReset = Logged(4, 1, 3001, 1, 0, 0, 0);
+const std::string kDisplayShort = Logged(3, 0, 2000, 1, 0, 0, 0);
+const std::string kBadSector = Logged(2, 2, 1000, -1, -7, 42, 0);
+const std::string kInvalidBattery = Logged(4, 0, 3000, 0, 5, 0, 0);
+const std::string kSocFreeze = Logged(4, 2, 3002, -1, 0, 300, 1);
+const std::string kCamera = Logged(1, 1, 5, 0, 0, 0, 0);
+const std::string kUnknownCharger = Logged(4, 1, 3099, 0, 0, 0, 0);
+const std::string kDisplayAfterErrors = Logged(3, 1, 2000, 0, 0, 0, 0);
 
 // One step of the story: a command and what must follow it, or a headline or a note.
 struct Step {

@@ -177,17 +177,14 @@ void* Init(fuse_conn_info*, fuse_config*) {
     return fuse_get_context()->private_data;
 }
 
-bool WantsHelp(int argc, char** argv) {
-    return std::any_of(argv + 1, argv + argc, [](const char* arg) {
-        return strcmp(arg, "-h") == 0 || strcmp(arg, "--help") == 0;
-    });
-}
-
 int Main(int argc, char** argv) {
     android::base::InitLogging(argv, &android::base::StderrLogger);
     std::vector<char*> args(argv, argv + argc);
     char no_name[] = "";
-    if (WantsHelp(argc, argv)) {
+    const bool wants_help = std::any_of(argv + 1, argv + argc, [](const char* arg) {
+        return strcmp(arg, "-h") == 0 || strcmp(arg, "--help") == 0;
+    });
+    if (wants_help) {
         printf("usage: %s [-f] [-d] [-o option[,option...]] MOUNTPOINT\n"
                "Serves the emulated kernel log attribute: MOUNTPOINT/log (read, poll),\n"
                "MOUNTPOINT/inject (each write queues one record), MOUNTPOINT/pending (count).\n\n",

@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // ubo_sim: the event-reporting service of the simulated device, as seen through libubo.so:
 // sessions, an active flag, a scripted add_event result and a log of every event, all on one
-// thread driven by epoll.
+// thread driven by poll().
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
@@ -49,7 +50,6 @@ using android::base::unique_fd;
 namespace protobuf = google::protobuf;
 using protobuf::UnknownField;
 
-constexpr int kEventsPerWait = 16;
 constexpr int kExitUsage = 2;
 
 using Json = nlohmann::ordered_json;
@@ -176,11 +176,8 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
     void AddError(const std::string& filename, int line, int column,
                   const std::string& message) override {
         // The parser counts from 0 and reports -1 for errors about the whole file.
-        if (line < 0) {
-            LOG(ERROR) << filename << ": " << message;
-        } else {
-            LOG(ERROR) << filename << ":" << line + 1 << ":" << column + 1 << ": " << message;
-        }
+        const std::string where = line < 0 ? "" : StringPrintf(":%d:%d", line + 1, column + 1);
+        LOG(ERROR) << filename << where << ": " << message;
     }
 
     protobuf::compiler::DiskSourceTree source_tree_;
@@ -203,16 +200,11 @@ struct Options {
 // A socket file left by a simulator that died is replaced; a live one, or any other file, is not.
 bool RemoveStaleSocket(const std::string& path) {
     struct stat status;
-    if (lstat(path.c_str(), &status) < 0) {
-        bool missing = errno == ENOENT;
-        if (!missing) PLOG(ERROR) << "lstat(" << path << ") failed";
-        return missing;
-    }
-    if (!S_ISSOCK(status.st_mode)) {
-        LOG(ERROR) << path << " exists and is not a socket";
-    } else if (protocol::Connect(path) >= 0) {
+    if (protocol::Connect(path) >= 0) {
         LOG(ERROR) << "Another simulator is listening on " << path;
-    } else if (unlink(path.c_str()) < 0) {
+    } else if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+        LOG(ERROR) << path << " exists and is not a socket";
+    } else if (unlink(path.c_str()) < 0 && errno != ENOENT) {
         PLOG(ERROR) << "unlink(" << path << ") failed";
     } else {
         return true;
@@ -282,14 +274,13 @@ class Simulator {
         sigaddset(&stop_signals, SIGTERM);
         sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
         (void)signal(SIGPIPE, SIG_IGN);  // a vanished client shows up as EPIPE instead
-        epoll_fd_.reset(epoll_create1(EPOLL_CLOEXEC));
         signal_fd_.reset(signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC));
-        if (epoll_fd_ < 0 || signal_fd_ < 0) {
-            PLOG(ERROR) << "epoll_create1() or signalfd() failed";
+        if (signal_fd_ < 0) {
+            PLOG(ERROR) << "signalfd() failed";
             return false;
         }
         listener_ = Listen(options_.socket_path);
-        if (listener_ < 0 || !Watch(signal_fd_) || !Watch(listener_)) return false;
+        if (listener_ < 0) return false;
         active_ = options_.active;
         Report(StringPrintf("listening on %s, state %s", options_.socket_path.c_str(),
                             active_ ? "active" : "inactive"),
@@ -299,27 +290,23 @@ class Simulator {
 
     // Serves until SIGINT or SIGTERM; false if waiting for events failed.
     bool Run() {
-        epoll_event events[kEventsPerWait];
         while (true) {
-            int count = epoll_wait(epoll_fd_, events, kEventsPerWait, -1);
-            if (count < 0 && errno == EINTR) continue;
-            if (count < 0) {
-                PLOG(ERROR) << "epoll_wait() failed";
+            std::vector<pollfd> fds = {{signal_fd_, POLLIN, 0}, {listener_, POLLIN, 0}};
+            for (const auto& [fd, peer] : peers_) fds.push_back({fd, POLLIN, 0});
+            if (poll(fds.data(), fds.size(), -1) < 0) {
+                if (errno == EINTR) continue;
+                PLOG(ERROR) << "poll() failed";
                 return false;
             }
-            for (int i = 0; i < count; ++i) {
-                int fd = events[i].data.fd;
-                if (fd == signal_fd_.get()) {
-                    signalfd_siginfo info;
-                    if (read(fd, &info, sizeof(info)) != sizeof(info)) continue;
-                    Report(StringPrintf("stopping on %s", strsignal(info.ssi_signo)), "stopped",
-                           {{"signal", info.ssi_signo}});
-                    return true;
-                } else if (fd == listener_.get()) {
-                    Accept();
-                } else {
-                    ServePeer(fd);
-                }
+            if (signalfd_siginfo info;
+                fds[0].revents != 0 && read(signal_fd_, &info, sizeof(info)) == sizeof(info)) {
+                Report(StringPrintf("stopping on %s", strsignal(info.ssi_signo)), "stopped",
+                       {{"signal", info.ssi_signo}});
+                return true;
+            }
+            if (fds[1].revents != 0) Accept();
+            for (auto fd = fds.begin() + 2; fd != fds.end(); ++fd) {
+                if (fd->revents != 0) ServePeer(fd->fd);
             }
         }
     }
@@ -331,15 +318,6 @@ class Simulator {
         int32_t session_id = 0;
     };
 
-    bool Watch(int fd) {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.fd = fd;
-        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event) == 0) return true;
-        PLOG(ERROR) << "epoll_ctl() failed";
-        return false;
-    }
-
     // One connection a wake-up: the listener stays readable while more are waiting.
     void Accept() {
         unique_fd fd(accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
@@ -347,15 +325,12 @@ class Simulator {
             if (errno != EAGAIN && errno != EINTR) PLOG(ERROR) << "accept4() failed";
             return;
         }
-        if (!Watch(fd)) return;
         peers_[fd.get()].fd = std::move(fd);
     }
 
     // One packet or one read a wake-up, like the listeners.
     void ServePeer(int fd) {
         auto it = peers_.find(fd);
-        // Dropped earlier in the same batch of events.
-        if (it == peers_.end()) return;
         // One more byte than any request may have, to tell an oversized one from a full one.
         static char buffer[protocol::kMaxPacketSize + 1];
         ssize_t n = TEMP_FAILURE_RETRY(recv(fd, buffer, sizeof(buffer), 0));
@@ -365,7 +340,6 @@ class Simulator {
         // Requests are never empty: nothing read is the hang-up.
         if (n > 0 && HandleRequest(&peer, data)) return;
         if (peer.session_id > 0) EndSession(peer, /*lost=*/true);
-        // Closing the descriptor also takes it out of the epoll set.
         peers_.erase(it);
     }
 
@@ -464,16 +438,16 @@ class Simulator {
 
     // A command from ubo_simctl: the reply's text, "error: ..." when it failed.
     std::string RunCommand(const protobuf::RepeatedPtrField<std::string>& words) {
-        std::string command = android::base::Join(words, ' ');
+        const std::string command = android::base::Join(words, ' ');
         if (command == "active" || command == "inactive") {
-            SetActive(command == "active", "control");
-            return "service " + command;
+            const bool active = command == "active";
+            if (std::exchange(active_, active) == active) return "service " + command;
+            return Report("service " + command, "state",
+                          {{"active", active}, {"cause", "control"}});
         }
         if (command == "refuse" || command == "accept") {
             refuse_sessions_ = command == "refuse";
-            std::string state = refuse_sessions_ ? "new sessions refused" : "new sessions accepted";
-            printf("ubo_sim: %s\n", state.c_str());
-            return state;
+            return Report(refuse_sessions_ ? "new sessions refused" : "new sessions accepted");
         }
         if (command == "status") return Status();
         int32_t code = 0;
@@ -482,10 +456,8 @@ class Simulator {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
             std::string result = "add_event returns " + std::to_string(code);
-            if (std::exchange(add_event_code_, code) != code) {
-                Report(result, "add_event_rc", {{"rc", code}});
-            }
-            return result;
+            if (std::exchange(add_event_code_, code) == code) return result;
+            return Report(result, "add_event_rc", {{"rc", code}});
         }
         return "error: unknown command '" + command +
                "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
@@ -501,19 +473,13 @@ class Simulator {
                             sessions_lost_, sessions_refused_, events_);
     }
 
-    void SetActive(bool active, const char* cause) {
-        if (active_ == active) return;
-        active_ = active;
-        Report(active ? "service active" : "service inactive", "state",
-               {{"active", active}, {"cause", cause}});
-    }
-
-    // The simulator's own line on stdout, if any, and a record of `kind` in the log: the kind, the
-    // wall-clock time in seconds and `fields`. Each record is one write of a whole line: with
-    // O_APPEND a reader tailing the log never sees half a line.
-    void Report(const std::string& line, const char* kind, const Json& fields) {
+    // The simulator's own line on stdout, if any, and a record of `kind`, if any, in the log: the
+    // kind, the wall-clock time in seconds and `fields`. Each record is one write of a whole
+    // line: with O_APPEND a reader tailing the log never sees half a line. Returns `line`.
+    std::string Report(const std::string& line, const char* kind = nullptr,
+                       const Json& fields = Json::object()) {
         if (!line.empty()) printf("ubo_sim: %s\n", line.c_str());
-        if (log_fd_ < 0) return;
+        if (log_fd_ < 0 || kind == nullptr) return line;
         std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
         Json record = {{"kind", kind}, {"time", now.count()}};
         record.update(fields);
@@ -522,12 +488,12 @@ class Simulator {
         if (!android::base::WriteStringToFd(text, log_fd_)) {
             PLOG(ERROR) << "writing the event log failed";
         }
+        return line;
     }
 
     Options options_;
     EventDecoder decoder_;
     unique_fd log_fd_;
-    unique_fd epoll_fd_;
     unique_fd listener_;
     unique_fd signal_fd_;
     std::map<int, Peer> peers_;
