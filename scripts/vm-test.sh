@@ -217,9 +217,9 @@ make_initramfs() {
             mkdir -p "$stage/build/$(dirname "$program")"
             objcopy_for "$arch" --strip-debug "$daemon_build/$program" "$stage/build/$program"
         done
-        # ubo_sim reads the event schema from the source tree it was built from.
-        mkdir -p "$stage$root/src/probe"
-        cp "$root/src/probe/tavi.proto" "$stage$root/src/probe/"
+        # ubo_sim's schema: init.sh names it in UBO_SIM_PROTO (the source tree may lie under the
+        # guest's /tmp, which is a tmpfs of its own there).
+        cp "$root/src/probe/tavi.proto" "$stage/etc/tavi.proto"
         stage_libraries "$stage" "$search" "${programs[@]/#/$stage/build/}"
         [[ -e "$stage/lib/libubo.so" ]] || die "tavi_daemon does not link libubo.so"
         # The drain benchmark puts it ahead of the real one.

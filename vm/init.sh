@@ -37,7 +37,7 @@ mode_is() { [ "$(stat -c %a "$1")" = "$2" ]; }
 run_suite() {
 	scale=$(sed -n 's/.*tavi\.wait_scale=\([0-9]*\).*/\1/p' /proc/cmdline)
 	TAVI_ATTRIBUTE=kernel TAVI_BUILD_DIR=/build TAVI_WAIT_SCALE=${scale:-1} LD_LIBRARY_PATH=/lib \
-		"$1" >/tmp/suite.out 2>&1
+		UBO_SIM_PROTO=/etc/tavi.proto "$1" >/tmp/suite.out 2>&1
 	check "${1##*/} exits with status 0" [ $? -eq 0 ]
 	sed -n 's/^\[ *\(OK\|FAILED\|SKIPPED\) *\] \([^ ,]*\).* ([0-9]* ms)$/\1 \2/p' /tmp/suite.out |
 		sed 's/^FAILED/NOT_OK/; s/^SKIPPED \(.*\)/OK \1 # SKIP/' >/tmp/cases

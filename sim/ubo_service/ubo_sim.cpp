@@ -189,11 +189,19 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
     protobuf::DynamicMessageFactory factory_;
 };
 
+// Where the event schema is when --proto does not say: the source tree it was built from, unless
+// the environment names another place (a machine without that tree, such as the test VM).
+constexpr char kProtoEnv[] = "UBO_SIM_PROTO";
+std::string DefaultProtoPath() {
+    const char* path = getenv(kProtoEnv);
+    return path != nullptr && *path != '\0' ? path : UBO_SIM_DEFAULT_PROTO;
+}
+
 struct Options {
     std::string socket_path = protocol::SessionSocketPath();
     // Empty: no event log (one JSON record a line).
     std::string events_path;
-    std::string proto_path = UBO_SIM_DEFAULT_PROTO;
+    std::string proto_path = DefaultProtoPath();
     bool active = false;
 };
 
@@ -512,9 +520,9 @@ void PrintUsage(FILE* out) {
             "usage: ubo_sim [--socket PATH] [--events PATH] [--proto PATH] [--active]\n"
             "  --socket PATH  the socket of sessions and commands (default: $%s or %s)\n"
             "  --events PATH  append one JSON record per line to PATH\n"
-            "  --proto PATH   event schema (default: %s)\n"
+            "  --proto PATH   event schema (default: $%s or %s)\n"
             "  --active       start active (default: inactive; ubo_simctl switches it)\n",
-            protocol::kSocketEnv, protocol::kDefaultSocketPath, UBO_SIM_DEFAULT_PROTO);
+            protocol::kSocketEnv, protocol::kDefaultSocketPath, kProtoEnv, UBO_SIM_DEFAULT_PROTO);
 }
 
 bool ParseCommandLine(int argc, char** argv, Options* options) {
