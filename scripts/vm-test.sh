@@ -10,7 +10,8 @@
 #   TAVI_VM_ACCEL kvm or tcg (default: kvm when /dev/kvm opens and the guest is the host's
 #                 architecture, tcg otherwise); a guest that does not boot with KVM is
 #                 booted again with TCG
-#   VM_TIMEOUT    seconds one VM may run (default: 300)
+#   VM_TIMEOUT    seconds one VM may run (default: 600; a pass takes 70-90 s under TCG, and
+#                 several times that on a loaded host)
 #   TAVI_VM_WAIT_SCALE  multiplies the suite's waits (default: 1 with KVM, 4 with TCG)
 #   KERNEL_ABI    Debian kernel ABI, e.g. 6.1.0-56 (default: the one linux-image-amd64 names)
 #   TAVI_VM_HOST_BUILD  a configured host build whose binaries the host-architecture VM uses
@@ -24,7 +25,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${BUILD_DIR:-$root/build-vm}
-vm_timeout=${VM_TIMEOUT:-300}
+vm_timeout=${VM_TIMEOUT:-600}
 cache_dir=${TAVI_VM_CACHE:-/var/cache/tavi-vm}
 with_daemon=${TAVI_VM_DAEMON:-1}
 mkdir -p "$build_dir"
