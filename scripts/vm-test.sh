@@ -143,7 +143,7 @@ build_module() {
 }
 
 # The programs the image holds, and the suites run against the module's attribute.
-vm_targets=(tavi_daemon ubo_sim ubo_simctl ubo tavi_e2e_tests tavi_listener_tests)
+vm_targets=(tavi_daemon ubo_sim ubo tavi_e2e_tests tavi_listener_tests)
 vm_suites=(tavi_e2e_tests tavi_listener_tests)
 
 build_daemon() {
@@ -211,7 +211,7 @@ make_initramfs() {
         local search="$daemon_build/libubo /usr/lib/$triplet/android /lib/$triplet
             /usr/lib/$triplet $sysroot"
         # A build folder's layout at /build (TAVI_BUILD_DIR), without debug information.
-        local programs=(src/tavi_daemon sim/ubo_service/ubo_sim sim/ubo_service/ubo_simctl)
+        local programs=(src/tavi_daemon sim/ubo_service/ubo_sim)
         local suite program
         for suite in "${vm_suites[@]}"; do programs+=("tests/$suite"); done
         for program in "${programs[@]}"; do

@@ -15,6 +15,8 @@
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 
+#include "ubo_protocol.h"
+
 namespace vendor::vesk::tavi::sim {
 namespace {
 
@@ -85,7 +87,7 @@ Binaries Binaries::InBuildDir(const std::string& build_dir) {
     const char* setting = getenv("TAVI_BUILD_DIR");
     const std::string dir = setting != nullptr && *setting != '\0' ? setting : build_dir;
     return {dir + "/sim/sysfs_emu/tavi_sysfs_emu", dir + "/sim/ubo_service/ubo_sim",
-            dir + "/sim/ubo_service/ubo_simctl", dir + "/src/tavi_daemon"};
+            dir + "/src/tavi_daemon"};
 }
 
 Attribute::Attribute(const std::string& emulator, const std::string& run_dir) {
@@ -243,16 +245,20 @@ std::string SimulatedDevice::StartService(bool active) {
     StopService();
     const std::string output = RunDir() + "/ubo_sim.out";
     const size_t offset = FileSize(output);
+    EventReader records(EventsPath(), FileSize(EventsPath()));
     std::vector<std::string> argv = {binaries_.ubo_sim, "--socket", SocketPath(), "--events",
                                      EventsPath()};
     if (active) argv.push_back("--active");
     std::string failure = service_.Start(argv, output);
-    // Its own start line, not any line that mentions the socket: a refusal names it too.
-    const std::string started = "ubo_sim: listening on " + SocketPath() + ",";
+    // Its own start record: a simulator already serving there makes this one give up.
+    bool started = false;
     auto listening = [&] {
-        return ReadFrom(output, offset).find(started) != std::string::npos || !service_.Running();
+        for (const nlohmann::json& record : records.ReadNew()) {
+            started = started || record.value("kind", "") == "started";
+        }
+        return started || !service_.Running();
     };
-    if (failure.empty() && (!WaitUntil(listening, 5s) || !service_.Running())) {
+    if (failure.empty() && (!WaitUntil(listening, 5s) || !started)) {
         failure = "ubo_sim did not listen on " + SocketPath() + ": " + ReadFrom(output, offset);
     }
     if (!failure.empty()) StopService();
@@ -283,15 +289,13 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
 }
 
 bool SimulatedDevice::ServiceControl(const std::vector<std::string>& command, std::string* reply) {
-    const std::string output = RunDir() + "/ubo_simctl.out";
-    unlink(output.c_str());
-    std::vector<std::string> argv = {binaries_.ubo_simctl, "--socket", SocketPath()};
-    argv.insert(argv.end(), command.begin(), command.end());
-    Process simctl;
-    std::optional<int> status =
-            simctl.Start(argv, output).empty() ? simctl.Wait(10s) : std::nullopt;
-    if (reply != nullptr) *reply = ReadFrom(output, 0);
-    return status == 0;
+    ubo_protocol::Request request;
+    for (const std::string& word : command) request.mutable_command()->add_words(word);
+    ubo_protocol::Reply answer;
+    const android::base::unique_fd fd = ubo_protocol::Connect(SocketPath());
+    const bool answered = fd.ok() && ubo_protocol::Exchange(fd, request, &answer);
+    if (reply != nullptr) *reply = answer.text();
+    return answered && !android::base::StartsWith(answer.text(), "error:");
 }
 
 std::vector<nlohmann::json> SimulatedDevice::Records(const std::string& kind) const {

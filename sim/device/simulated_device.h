@@ -29,7 +29,6 @@ using std::chrono::milliseconds;
 struct Binaries {
     std::string sysfs_emu;
     std::string ubo_sim;
-    std::string ubo_simctl;
     std::string daemon;
 
     // The programs of a build folder (scripts/build.sh's layout); TAVI_BUILD_DIR, when set,
@@ -144,7 +143,8 @@ class LogReader {
 // "rc", "fields", ...), read as they are appended.
 class EventReader {
   public:
-    explicit EventReader(std::string path) : path_(std::move(path)) {}
+    explicit EventReader(std::string path, size_t offset = 0)
+        : path_(std::move(path)), offset_(offset) {}
 
     // Those appended since the last call, in order; lines that are no JSON are skipped.
     std::vector<nlohmann::json> ReadNew();
@@ -185,8 +185,8 @@ class SimulatedDevice {
 
     bool Inject(const std::string& record) const { return attribute_.Inject(record); }
     int PendingCount() const { return attribute_.PendingCount(); }
-    // One ubo_simctl command, such as {"fail", "-5"}: true when it succeeded. Its reply
-    // ("error: ..." on failure) goes to `reply` when given.
+    // One command to the service, such as {"fail", "-5"}: true when it succeeded. Its reply
+    // ("error: ..." on failure, empty without one) goes to `reply` when given.
     bool ServiceControl(const std::vector<std::string>& command, std::string* reply = nullptr);
     bool SetServiceActive(bool active) { return ServiceControl({active ? "active" : "inactive"}); }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // ubo_sim: the event-reporting service of the simulated device, as seen through libubo.so:
-// sessions, an active flag, a scripted add_event result and a log of every event, all on one
-// thread driven by poll().
+// sessions, an active flag, a scripted add_event result and a log of every event and change of
+// state (one JSON record a line), all on one thread driven by poll().
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
@@ -34,7 +34,6 @@
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/empty.pb.h>
-#include <google/protobuf/text_format.h>
 #include <google/protobuf/unknown_field_set.h>
 #include <google/protobuf/util/json_util.h>
 #include <nlohmann/json.hpp>
@@ -54,10 +53,10 @@ constexpr int kExitUsage = 2;
 
 using Json = nlohmann::ordered_json;
 
-// "080210ba17" for the JSON record; " %02X" gives " 08 02 10 BA 17" for the text line.
-std::string Hex(std::string_view bytes, const char* byte_format = "%02x") {
+// "080210ba17".
+std::string Hex(std::string_view bytes) {
     std::string hex;
-    for (unsigned char byte : bytes) hex += StringPrintf(byte_format, byte);
+    for (unsigned char byte : bytes) hex += StringPrintf("%02x", byte);
     return hex;
 }
 
@@ -66,8 +65,6 @@ struct DecodedEvent {
     // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by name, then the others by
     // their number.
     Json fields = Json::object();
-    // {log_level: LOG_LEVEL_2 error_code: CHARGER_DETECT_SOC_FREEZE param1: -1}
-    std::string text;
     // Empty when the whole payload parsed.
     std::string error;
 };
@@ -133,17 +130,17 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
         return false;
     }
 
-    // The fields in JSON from the plain schema, the text with the enumerations' names.
+    // The fields in JSON, from the plain schema.
     DecodedEvent Decode(const std::string& probe, std::string_view payload) {
         DecodedEvent event;
         const protobuf::Descriptor* declared = file_->FindMessageTypeByName(probe);
         event.known_probe = declared != nullptr;
         // Nothing declared: an empty message shows every field by its number.
-        const protobuf::Descriptor* type = declared ? declared : protobuf::Empty::descriptor();
-        const protobuf::Descriptor* plain_type =
-                declared ? plain_pool_.FindMessageTypeByName(declared->full_name()) : type;
+        const protobuf::Descriptor* type =
+                declared ? plain_pool_.FindMessageTypeByName(declared->full_name())
+                         : protobuf::Empty::descriptor();
         bool complete = false;
-        std::unique_ptr<protobuf::Message> message = Parse(plain_type, payload, &complete);
+        std::unique_ptr<protobuf::Message> message = Parse(type, payload, &complete);
         if (!complete) {
             event.error = declared ? "does not parse as " + declared->name()
                                    : "not a protocol-buffers message";
@@ -155,10 +152,6 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
             event.fields = Json::parse(json, nullptr, false);
         }
         AddUnknown(message->GetReflection()->GetUnknownFields(*message), &event.fields);
-        protobuf::TextFormat::Printer printer;
-        printer.SetSingleLineMode(true);
-        printer.PrintToString(*Parse(type, payload, &complete), &event.text);
-        event.text = "{" + android::base::Trim(event.text) + "}";
         return event;
     }
 
@@ -199,8 +192,8 @@ std::string DefaultProtoPath() {
 
 struct Options {
     std::string socket_path = protocol::SessionSocketPath();
-    // Empty: no event log (one JSON record a line).
-    std::string events_path;
+    // Where the records go, one JSON object a line.
+    std::string events_path = "/dev/stdout";
     std::string proto_path = DefaultProtoPath();
     bool active = false;
 };
@@ -267,13 +260,11 @@ class Simulator {
     // Loads the schema, opens the log and binds the socket; false after logging why.
     bool Start() {
         if (!decoder_.Load(options_.proto_path)) return false;
-        if (!options_.events_path.empty()) {
-            log_fd_.reset(open(options_.events_path.c_str(),
-                               O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-            if (log_fd_ < 0) {
-                PLOG(ERROR) << "open(" << options_.events_path << ") failed";
-                return false;
-            }
+        log_fd_.reset(open(options_.events_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC,
+                           0644));
+        if (log_fd_ < 0) {
+            PLOG(ERROR) << "open(" << options_.events_path << ") failed";
+            return false;
         }
         // Blocked before anything else so that a stop request during start-up waits in the queue.
         sigset_t stop_signals;
@@ -290,9 +281,7 @@ class Simulator {
         listener_ = Listen(options_.socket_path);
         if (listener_ < 0) return false;
         active_ = options_.active;
-        Report(StringPrintf("listening on %s, state %s", options_.socket_path.c_str(),
-                            active_ ? "active" : "inactive"),
-               "started", {{"socket", options_.socket_path}, {"active", active_}});
+        Report("started", {{"socket", options_.socket_path}, {"active", active_}});
         return true;
     }
 
@@ -308,8 +297,7 @@ class Simulator {
             }
             if (signalfd_siginfo info;
                 fds[0].revents != 0 && read(signal_fd_, &info, sizeof(info)) == sizeof(info)) {
-                Report(StringPrintf("stopping on %s", strsignal(info.ssi_signo)), "stopped",
-                       {{"signal", info.ssi_signo}});
+                Report("stopped", {{"signal", info.ssi_signo}});
                 return true;
             }
             if (fds[1].revents != 0) Accept();
@@ -401,35 +389,24 @@ class Simulator {
         int32_t pid = PeerPid(peer->fd);
         if (refuse_sessions_) {
             ++sessions_refused_;
-            Report(StringPrintf("session refused (pid %d)", pid), "session_refused",
-                   {{"pid", pid}});
+            Report("session_refused", {{"pid", pid}});
             return -ECONNREFUSED;
         }
         peer->session_id = ++last_session_id_;
-        Report(StringPrintf("session %d created (pid %d)", peer->session_id, pid),
-               "session_created", {{"session", peer->session_id}, {"pid", pid}});
+        Report("session_created", {{"session", peer->session_id}, {"pid", pid}});
         return peer->session_id;
     }
 
     // A session ends with a close request, or is lost when its client hangs up without one.
     void EndSession(const Peer& peer, bool lost) {
         ++(lost ? sessions_lost_ : sessions_closed_);
-        Report(StringPrintf("session %d %s", peer.session_id,
-                            lost ? "lost (closed without ubo_destroy)" : "destroyed"),
-               lost ? "session_lost" : "session_destroyed", {{"session", peer.session_id}});
+        Report(lost ? "session_lost" : "session_destroyed", {{"session", peer.session_id}});
     }
 
     int32_t AddEvent(const Peer& peer, const protocol::AddEvent& request) {
         const std::string& payload = request.payload();
         DecodedEvent event = decoder_.Decode(request.probe(), payload);
-        std::string notes = event.known_probe ? "" : " [unknown probe]";
-        if (!event.error.empty()) notes += " [malformed: " + event.error + "]";
-        if (!active_) notes += " [service inactive]";
-        std::string bytes = payload.empty() ? "(empty)" : Hex(payload, " %02X").substr(1);
-        printf("event #%" PRId64 " session %d source=%s probe=%s rc=%d %s%s bytes=%s\n", ++events_,
-               peer.session_id, request.source().c_str(), request.probe().c_str(), add_event_code_,
-               event.text.c_str(), notes.c_str(), bytes.c_str());
-        Json record = {{"seq", events_},
+        Json record = {{"seq", ++events_},
                        {"session", peer.session_id},
                        {"source", request.source()},
                        {"probe", request.probe()},
@@ -440,7 +417,7 @@ class Simulator {
                        {"payload_hex", Hex(payload)},
                        {"fields", std::move(event.fields)}};
         if (!event.error.empty()) record["decode_error"] = event.error;
-        Report("", "event", record);
+        Report("event", record);
         return add_event_code_;
     }
 
@@ -449,13 +426,12 @@ class Simulator {
         const std::string command = android::base::Join(words, ' ');
         if (command == "active" || command == "inactive") {
             const bool active = command == "active";
-            if (std::exchange(active_, active) == active) return "service " + command;
-            return Report("service " + command, "state",
-                          {{"active", active}, {"cause", "control"}});
+            if (std::exchange(active_, active) != active) Report("state", {{"active", active}});
+            return "service " + command;
         }
         if (command == "refuse" || command == "accept") {
             refuse_sessions_ = command == "refuse";
-            return Report(refuse_sessions_ ? "new sessions refused" : "new sessions accepted");
+            return refuse_sessions_ ? "new sessions refused" : "new sessions accepted";
         }
         if (command == "status") return Status();
         int32_t code = 0;
@@ -463,9 +439,8 @@ class Simulator {
             if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
-            std::string result = "add_event returns " + std::to_string(code);
-            if (std::exchange(add_event_code_, code) == code) return result;
-            return Report(result, "add_event_rc", {{"rc", code}});
+            if (std::exchange(add_event_code_, code) != code) Report("add_event_rc", {{"rc", code}});
+            return "add_event returns " + std::to_string(code);
         }
         return "error: unknown command '" + command +
                "'; commands: active, inactive, fail CODE, ok, refuse, accept, status";
@@ -481,13 +456,9 @@ class Simulator {
                             sessions_lost_, sessions_refused_, events_);
     }
 
-    // The simulator's own line on stdout, if any, and a record of `kind`, if any, in the log: the
-    // kind, the wall-clock time in seconds and `fields`. Each record is one write of a whole
-    // line: with O_APPEND a reader tailing the log never sees half a line. Returns `line`.
-    std::string Report(const std::string& line, const char* kind = nullptr,
-                       const Json& fields = Json::object()) {
-        if (!line.empty()) printf("ubo_sim: %s\n", line.c_str());
-        if (log_fd_ < 0 || kind == nullptr) return line;
+    // A record in the log: `kind`, the wall-clock time in seconds and `fields`. Each is one write
+    // of a whole line: with O_APPEND a reader tailing the log never sees half a line.
+    void Report(const char* kind, const Json& fields) {
         std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
         Json record = {{"kind", kind}, {"time", now.count()}};
         record.update(fields);
@@ -496,7 +467,6 @@ class Simulator {
         if (!android::base::WriteStringToFd(text, log_fd_)) {
             PLOG(ERROR) << "writing the event log failed";
         }
-        return line;
     }
 
     Options options_;
@@ -519,7 +489,7 @@ void PrintUsage(FILE* out) {
     fprintf(out,
             "usage: ubo_sim [--socket PATH] [--events PATH] [--proto PATH] [--active]\n"
             "  --socket PATH  the socket of sessions and commands (default: $%s or %s)\n"
-            "  --events PATH  append one JSON record per line to PATH\n"
+            "  --events PATH  append the records, one JSON object a line, to PATH (default: stdout)\n"
             "  --proto PATH   event schema (default: $%s or %s)\n"
             "  --active       start active (default: inactive; ubo_simctl switches it)\n",
             protocol::kSocketEnv, protocol::kDefaultSocketPath, kProtoEnv, UBO_SIM_DEFAULT_PROTO);
@@ -553,8 +523,6 @@ int Main(int argc, char** argv) {
         PrintUsage(stderr);
         return kExitUsage;
     }
-    // Each line out at once, for whoever tails it.
-    (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     Simulator simulator(std::move(options));
     return simulator.Start() && simulator.Run() ? 0 : EXIT_FAILURE;
 }
