@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -14,6 +13,8 @@
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <nlohmann/json.hpp>
+
+#include "ubo_protocol.h"
 
 namespace vendor::vesk::tavi::sim {
 
@@ -27,13 +28,10 @@ using Json = nlohmann::json;
 const std::string kWordSeparator(1, '\0');
 
 unique_fd UnixSocket(const std::string& path, sockaddr_un* address) {
-    *address = {};
-    address->sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address->sun_path)) {
+    if (!ubo_protocol::SocketAddress(path, address)) {
         LOG(ERROR) << "Socket path too long: " << path;
         return {};
     }
-    memcpy(address->sun_path, path.c_str(), path.size() + 1);
     return unique_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 

@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -172,26 +171,10 @@ int Poll(const char* path, fuse_file_info* info, fuse_pollhandle* handle, unsign
     return 0;
 }
 
-void* Init(fuse_conn_info*, fuse_config*) {
-    LOG(INFO) << "serving log, inject and pending";
-    return fuse_get_context()->private_data;
-}
-
 int Main(int argc, char** argv) {
     android::base::InitLogging(argv, &android::base::StderrLogger);
+    // fuse_main parses the command line (-h, -f, -d, -o ..., MOUNTPOINT), mounts and serves.
     std::vector<char*> args(argv, argv + argc);
-    char no_name[] = "";
-    const bool wants_help = std::any_of(argv + 1, argv + argc, [](const char* arg) {
-        return strcmp(arg, "-h") == 0 || strcmp(arg, "--help") == 0;
-    });
-    if (wants_help) {
-        printf("usage: %s [-f] [-d] [-o option[,option...]] MOUNTPOINT\n"
-               "Serves the emulated kernel log attribute: MOUNTPOINT/log (read, poll),\n"
-               "MOUNTPOINT/inject (each write queues one record), MOUNTPOINT/pending (count).\n\n",
-               argv[0]);
-        // The library's options follow, without a usage line of its own.
-        args[0] = no_name;
-    }
     // Root's mount is shared with everyone (a daemon under test may run as another user), while
     // the kernel still applies the modes above to them.
     std::string options = "-odefault_permissions,fsname=tavi_sysfs_emu,subtype=tavi_sysfs_emu";
@@ -211,7 +194,6 @@ int Main(int argc, char** argv) {
     operations.read = Read;
     operations.write = Write;
     operations.poll = Poll;
-    operations.init = Init;
     int status = fuse_main(static_cast<int>(args.size()), args.data(), &operations, &state);
     if (state.dropped > 0) LOG(ERROR) << state.dropped << " records dropped in all";
     return status;
