@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client end of the simulator's socket, shared by libubo.so and ubo_simctl.
+// The client end of the simulator's socket, shared by libubo.so, ubo_sim's command mode and the
+// simulated device.
 #include "ubo_protocol.h"
 
 #include <errno.h>
@@ -58,6 +59,15 @@ bool Exchange(int fd, const Request& request, Reply* reply) {
     // A hang-up, or a packet that is no reply.
     if (n >= 0) errno = n == 0 ? ECONNRESET : EPROTO;
     return false;
+}
+
+std::optional<std::string> Command(const std::string& path, const std::vector<std::string>& words) {
+    Request request;
+    for (const std::string& word : words) request.mutable_command()->add_words(word);
+    Reply reply;
+    const android::base::unique_fd fd = Connect(path);
+    if (!fd.ok() || !Exchange(fd, request, &reply)) return std::nullopt;
+    return reply.text();
 }
 
 }  // namespace vendor::vesk::tavi::ubo_protocol

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where the host libubo.so, ubo_simctl and the event-service simulator (ubo_sim) meet; the
-// messages are in ubo_protocol.proto.
+// Where the host libubo.so, the event-service simulator (ubo_sim) and those who switch it meet;
+// the messages are in ubo_protocol.proto.
 #pragma once
 
 #include <stdint.h>
 #include <stdlib.h>
 #include <sys/un.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <android-base/unique_fd.h>
 
@@ -36,5 +38,9 @@ android::base::unique_fd Connect(const std::string& path);
 // Sends `request` and waits for its reply; false (errno set) when the connection failed or timed
 // out.
 bool Exchange(int fd, const Request& request, Reply* reply);
+
+// Hands `words` as one command to the simulator at `path`: its reply's text ("error: ..." when
+// the command failed), or nothing (errno set) when it did not answer.
+std::optional<std::string> Command(const std::string& path, const std::vector<std::string>& words);
 
 }  // namespace vendor::vesk::tavi::ubo_protocol

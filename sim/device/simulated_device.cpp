@@ -289,13 +289,9 @@ std::string SimulatedDevice::Start(bool service_active, bool with_attribute) {
 }
 
 bool SimulatedDevice::ServiceControl(const std::vector<std::string>& command, std::string* reply) {
-    ubo_protocol::Request request;
-    for (const std::string& word : command) request.mutable_command()->add_words(word);
-    ubo_protocol::Reply answer;
-    const android::base::unique_fd fd = ubo_protocol::Connect(SocketPath());
-    const bool answered = fd.ok() && ubo_protocol::Exchange(fd, request, &answer);
-    if (reply != nullptr) *reply = answer.text();
-    return answered && !android::base::StartsWith(answer.text(), "error:");
+    const std::optional<std::string> answer = ubo_protocol::Command(SocketPath(), command);
+    if (reply != nullptr) *reply = answer.value_or("");
+    return answer && !android::base::StartsWith(*answer, "error:");
 }
 
 std::vector<nlohmann::json> SimulatedDevice::Records(const std::string& kind) const {

@@ -192,6 +192,8 @@ std::string DefaultProtoPath() {
 
 struct Options {
     std::string socket_path = protocol::SessionSocketPath();
+    // Words of a command for the simulator serving there; none: serve.
+    std::vector<std::string> command;
     // Where the records go, one JSON object a line.
     std::string events_path = "/dev/stdout";
     std::string proto_path = DefaultProtoPath();
@@ -421,7 +423,8 @@ class Simulator {
         return add_event_code_;
     }
 
-    // A command from ubo_simctl: the reply's text, "error: ..." when it failed.
+    // A command (`ubo_sim COMMAND`, the simulated device): the reply's text, "error: ..." when it
+    // failed.
     std::string RunCommand(const protobuf::RepeatedPtrField<std::string>& words) {
         const std::string command = android::base::Join(words, ' ');
         if (command == "active" || command == "inactive") {
@@ -488,10 +491,13 @@ class Simulator {
 void PrintUsage(FILE* out) {
     fprintf(out,
             "usage: ubo_sim [--socket PATH] [--events PATH] [--proto PATH] [--active]\n"
+            "       ubo_sim [--socket PATH] COMMAND\n"
+            "Serves the event service; with a COMMAND, switches or shows the one serving:\n"
+            "  active | inactive | fail CODE | ok | refuse | accept (new sessions) | status\n"
             "  --socket PATH  the socket of sessions and commands (default: $%s or %s)\n"
             "  --events PATH  append the records, one JSON object a line, to PATH (default: stdout)\n"
             "  --proto PATH   event schema (default: $%s or %s)\n"
-            "  --active       start active (default: inactive; ubo_simctl switches it)\n",
+            "  --active       start active (default: inactive)\n",
             protocol::kSocketEnv, protocol::kDefaultSocketPath, kProtoEnv, UBO_SIM_DEFAULT_PROTO);
 }
 
@@ -501,6 +507,10 @@ bool ParseCommandLine(int argc, char** argv, Options* options) {
                                                        {"--proto", &options->proto_path}};
     for (int i = 1; i < argc; ++i) {
         auto path = paths.find(argv[i]);
+        if (argv[i][0] != '-') {
+            options->command.assign(argv + i, argv + argc);  // "fail -5": the rest is its own
+            break;
+        }
         if (strcmp(argv[i], "--active") == 0) {
             options->active = true;
         } else if (path != paths.end() && i + 1 < argc) {
@@ -522,6 +532,14 @@ int Main(int argc, char** argv) {
     if (!ParseCommandLine(argc, argv, &options)) {
         PrintUsage(stderr);
         return kExitUsage;
+    }
+    if (!options.command.empty()) {
+        const std::optional<std::string> reply =
+                protocol::Command(options.socket_path, options.command);
+        if (!reply) PLOG(ERROR) << "No reply from ubo_sim at " << options.socket_path;
+        const bool done = reply && !android::base::StartsWith(*reply, "error:");
+        if (reply) fprintf(done ? stdout : stderr, "%s\n", reply->c_str());
+        return done ? 0 : EXIT_FAILURE;
     }
     Simulator simulator(std::move(options));
     return simulator.Start() && simulator.Run() ? 0 : EXIT_FAILURE;
