@@ -471,8 +471,7 @@ int Main(const std::vector<std::string>& words) {
     std::error_code error;
     const std::string state_dir = std::filesystem::absolute(
             FromEnvironment("TAVI_DEVICE_STATE", "/var/lib/tavi-device"), error);
-    const Binaries binaries =
-            Binaries::InBuildDir(FromEnvironment("TAVI_BUILD_DIR", TAVI_DEFAULT_BUILD_DIR));
+    const Binaries binaries = Binaries::InBuildDir(TAVI_DEFAULT_BUILD_DIR);  // or TAVI_BUILD_DIR
     // `up` makes the device's owner; the others on the device ask it.
     if (words[0] != "up" && kCommands.at(words[0]).on_device != nullptr) {
         if (std::optional<OwnerReply> reply = AskOwner(state_dir + "/owner.sock", words)) {

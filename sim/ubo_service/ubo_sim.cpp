@@ -139,11 +139,11 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
         const protobuf::Descriptor* type =
                 declared ? plain_pool_.FindMessageTypeByName(declared->full_name())
                          : protobuf::Empty::descriptor();
-        bool complete = false;
-        std::unique_ptr<protobuf::Message> message = Parse(type, payload, &complete);
-        if (!complete) {
+        std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
+        if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
             event.error = declared ? "does not parse as " + declared->name()
                                    : "not a protocol-buffers message";
+            if (!declared) message->Clear();  // of what is no message at all, nothing
         }
         std::string json;
         protobuf::util::JsonPrintOptions options;
@@ -156,16 +156,6 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
     }
 
   private:
-    // What of `payload` parses as `type`; of what is not a message at all, nothing.
-    std::unique_ptr<protobuf::Message> Parse(const protobuf::Descriptor* type,
-                                             std::string_view payload, bool* complete) {
-        std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
-        *complete =
-                message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()));
-        if (!*complete && type == protobuf::Empty::descriptor()) message->Clear();
-        return message;
-    }
-
     void AddError(const std::string& filename, int line, int column,
                   const std::string& message) override {
         // The parser counts from 0 and reports -1 for errors about the whole file.
