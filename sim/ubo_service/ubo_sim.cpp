@@ -60,15 +60,6 @@ std::string Hex(std::string_view bytes) {
     return hex;
 }
 
-struct DecodedEvent {
-    bool known_probe = false;
-    // {"log_level":2,"error_code":3002,"param1":-1}: declared fields by name, then the others by
-    // their number.
-    Json fields = Json::object();
-    // Empty when the whole payload parsed.
-    std::string error;
-};
-
 // Every enumeration field becomes an int32 with the same number and wire type.
 void PlainEnums(protobuf::DescriptorProto* message) {
     for (protobuf::FieldDescriptorProto& field : *message->mutable_field()) {
@@ -130,29 +121,30 @@ class EventDecoder : public protobuf::compiler::MultiFileErrorCollector {
         return false;
     }
 
-    // The fields in JSON, from the plain schema.
-    DecodedEvent Decode(const std::string& probe, std::string_view payload) {
-        DecodedEvent event;
+    // Adds to `event` "known_probe", the "fields" from the plain schema (declared ones by name,
+    // then the others by number: {"log_level":2,"error_code":3002,"7":-1}) and, unless the
+    // whole payload parsed, a "decode_error".
+    void Decode(const std::string& probe, std::string_view payload, Json* event) {
         const protobuf::Descriptor* declared = file_->FindMessageTypeByName(probe);
-        event.known_probe = declared != nullptr;
+        (*event)["known_probe"] = declared != nullptr;
         // Nothing declared: an empty message shows every field by its number.
         const protobuf::Descriptor* type =
                 declared ? plain_pool_.FindMessageTypeByName(declared->full_name())
                          : protobuf::Empty::descriptor();
         std::unique_ptr<protobuf::Message> message(factory_.GetPrototype(type)->New());
         if (!message->ParsePartialFromArray(payload.data(), static_cast<int>(payload.size()))) {
-            event.error = declared ? "does not parse as " + declared->name()
-                                   : "not a protocol-buffers message";
+            (*event)["decode_error"] = declared ? "does not parse as " + declared->name()
+                                                : "not a protocol-buffers message";
             if (!declared) message->Clear();  // of what is no message at all, nothing
         }
         std::string json;
         protobuf::util::JsonPrintOptions options;
         options.preserve_proto_field_names = true;
+        Json& fields = (*event)["fields"] = Json::object();
         if (protobuf::util::MessageToJsonString(*message, &json, options).ok()) {
-            event.fields = Json::parse(json, nullptr, false);
+            fields = Json::parse(json, nullptr, false);
         }
-        AddUnknown(message->GetReflection()->GetUnknownFields(*message), &event.fields);
-        return event;
+        AddUnknown(message->GetReflection()->GetUnknownFields(*message), &fields);
     }
 
   private:
@@ -397,18 +389,11 @@ class Simulator {
 
     int32_t AddEvent(const Peer& peer, const protocol::AddEvent& request) {
         const std::string& payload = request.payload();
-        DecodedEvent event = decoder_.Decode(request.probe(), payload);
-        Json record = {{"seq", ++events_},
-                       {"session", peer.session_id},
-                       {"source", request.source()},
-                       {"probe", request.probe()},
-                       {"known_probe", event.known_probe},
-                       {"active", active_},
-                       {"rc", add_event_code_},
-                       {"size", payload.size()},
-                       {"payload_hex", Hex(payload)},
-                       {"fields", std::move(event.fields)}};
-        if (!event.error.empty()) record["decode_error"] = event.error;
+        Json record = {{"seq", ++events_},           {"session", peer.session_id},
+                       {"source", request.source()}, {"probe", request.probe()},
+                       {"active", active_},          {"rc", add_event_code_},
+                       {"size", payload.size()},     {"payload_hex", Hex(payload)}};
+        decoder_.Decode(request.probe(), payload, &record);
         Report("event", record);
         return add_event_code_;
     }
@@ -432,7 +417,8 @@ class Simulator {
             if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
-            if (std::exchange(add_event_code_, code) != code) Report("add_event_rc", {{"rc", code}});
+            if (std::exchange(add_event_code_, code) != code)
+                Report("add_event_rc", {{"rc", code}});
             return "add_event returns " + std::to_string(code);
         }
         return "error: unknown command '" + command +
@@ -485,7 +471,8 @@ void PrintUsage(FILE* out) {
             "Serves the event service; with a COMMAND, switches or shows the one serving:\n"
             "  active | inactive | fail CODE | ok | refuse | accept (new sessions) | status\n"
             "  --socket PATH  the socket of sessions and commands (default: $%s or %s)\n"
-            "  --events PATH  append the records, one JSON object a line, to PATH (default: stdout)\n"
+            "  --events PATH  append the records, one JSON object a line, to PATH (default: "
+            "stdout)\n"
             "  --proto PATH   event schema (default: $%s or %s)\n"
             "  --active       start active (default: inactive)\n",
             protocol::kSocketEnv, protocol::kDefaultSocketPath, kProtoEnv, UBO_SIM_DEFAULT_PROTO);
