@@ -8,11 +8,8 @@
 //   - its CPU time and context switches over 10 idle seconds;
 //   - a start with a full cache file left by an earlier run: time to the end of the flush and
 //     the memory afterwards.
-// The simulator prints and logs every event and the daemon logs to a file; both are part of
-// the measured path.
-//
-// usage: tavi_e2e_bench [--burst N] [--single N] [--total N] [--idle SECONDS]
-// Needs root and /dev/fuse; without them it says why and exits 0.
+// The simulator decodes and logs every event and the daemon logs to a file; both are part of
+// the measured path. Needs root and /dev/fuse; without them it says why and exits 0.
 
 #include <signal.h>
 #include <stdio.h>

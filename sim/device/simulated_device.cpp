@@ -168,9 +168,9 @@ const std::vector<LogLine>& LogReader::Lines() {
     return lines_;
 }
 
-int LogReader::IndexOf(const std::string& text) {
+int LogReader::IndexOf(const std::string& text, size_t from) {
     const std::vector<LogLine>& lines = Lines();
-    const auto found = std::find_if(lines.begin(), lines.end(),
+    const auto found = std::find_if(lines.begin() + std::min(from, lines.size()), lines.end(),
                                     [&](const LogLine& line) { return line.text == text; });
     return found == lines.end() ? -1 : static_cast<int>(found - lines.begin());
 }
@@ -296,12 +296,11 @@ bool SimulatedDevice::ServiceControl(const std::vector<std::string>& command, st
 
 std::vector<nlohmann::json> SimulatedDevice::Records(const std::string& kind) const {
     std::vector<nlohmann::json> records = EventReader(EventsPath()).ReadNew();
-    if (kind.empty()) return records;
-    std::vector<nlohmann::json> matching;
-    for (nlohmann::json& record : records) {
-        if (record.value("kind", "") == kind) matching.push_back(std::move(record));
-    }
-    return matching;
+    const auto other_kind = [&](const nlohmann::json& record) {
+        return !kind.empty() && record.value("kind", "") != kind;
+    };
+    records.erase(std::remove_if(records.begin(), records.end(), other_kind), records.end());
+    return records;
 }
 
 }  // namespace vendor::vesk::tavi::sim

@@ -129,8 +129,9 @@ class LogReader {
     LogReader() = default;
     LogReader(std::string path, size_t offset) : path_(std::move(path)), offset_(offset) {}
 
-    const std::vector<LogLine>& Lines();   // every line so far
-    int IndexOf(const std::string& text);  // of the first line reading `text`, or -1
+    const std::vector<LogLine>& Lines();  // every line so far
+    // Of the first line reading `text` from line `from` on, or -1.
+    int IndexOf(const std::string& text, size_t from = 0);
     bool WaitForLine(const std::string& text, milliseconds timeout);
 
   private:

@@ -142,13 +142,7 @@ void ReportOutcome(SimulatedDevice& device, const std::string& shown, size_t fir
     if (StartsWith(line, kCachedPrefix)) {
         // A full cache is reported right after the line that stores the record.
         const bool full = WaitUntil(
-                [&] {
-                    const std::vector<LogLine>& lines = log.Lines();
-                    return std::any_of(lines.begin() + found, lines.end(), [](const LogLine& l) {
-                        return l.text == "Cache size limit, ignoring";
-                    });
-                },
-                100ms);
+                [&] { return log.IndexOf("Cache size limit, ignoring", found) >= 0; }, 100ms);
         return Say(reply,
                    shown + ": " + (full ? "refused at the cache limit" : "kept in the cache"));
     }
@@ -304,9 +298,8 @@ OwnerReply Status(SimulatedDevice& device, const Args& /*args*/) {
     } else if (device.DaemonPid() < 0) {
         daemon = "not started";
     }
-    if (access(device.CachePath().c_str(), F_OK) == 0) {
-        DescribeCacheFile(device.CachePath(), &cache);
-    }
+    const std::string cache_file = device.CachePath();
+    if (access(cache_file.c_str(), F_OK) == 0) DescribeCacheFile(cache_file, &cache);
     const std::string attribute =
             device.AttributeMounted()
                     ? StringPrintf("mounted, %d record(s) pending", device.PendingCount())

@@ -236,7 +236,6 @@ class Simulator {
   public:
     explicit Simulator(Options options) : options_(std::move(options)) {}
 
-    // Removes the socket it created.
     ~Simulator() {
         if (listener_ >= 0) unlink(options_.socket_path.c_str());
     }
