@@ -416,8 +416,9 @@ class Simulator {
             if (command != "ok" && !android::base::ParseInt(words[1], &code, INT32_MIN, -1)) {
                 return "error: fail takes a negative 32-bit code, not '" + words[1] + "'";
             }
-            if (std::exchange(add_event_code_, code) != code)
+            if (std::exchange(add_event_code_, code) != code) {
                 Report("add_event_rc", {{"rc", code}});
+            }
             return "add_event returns " + std::to_string(code);
         }
         return "error: unknown command '" + command +
